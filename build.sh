@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# One entry point for a fresh Debian 12 machine: installs what is missing, builds, then
+#   ./build.sh demo   starts the app on its built-in simulated device
+#   ./build.sh test   runs the whole test suite through CTest
+#   ./build.sh build  only builds
+set -euo pipefail
+cd "$(dirname "$0")"
+
+PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev
+          qt6-base-dev qt6-charts-dev libqt6opengl6-dev libgl-dev fonts-dejavu-core
+          clang libclang-rt-14-dev xvfb xauth)
+
+install_missing() {
+    local missing=()
+    for p in "${PACKAGES[@]}"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "Installing: ${missing[*]}"
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    $sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+BUILD_DIR=${BUILD_DIR:-build}
+
+build() {
+    cmake -S . -B "$BUILD_DIR" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+    cmake --build "$BUILD_DIR"
+}
+
+cmd=${1:-demo}
+shift || true
+case "$cmd" in
+    demo)
+        install_missing
+        build
+        exec "$BUILD_DIR/app/dravinel" --demo "$@"
+        ;;
+    test)
+        install_missing
+        build
+        QT_QPA_PLATFORM=offscreen ctest --test-dir "$BUILD_DIR" --output-on-failure -j2 "$@"
+        ;;
+    build)
+        install_missing
+        build "$@"
+        ;;
+    *)
+        echo "usage: $0 [demo|test|build]" >&2
+        exit 2
+        ;;
+esac
