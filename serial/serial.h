@@ -44,6 +44,8 @@ void unregister_port_path(const std::string& path);
 std::vector<std::string> registered_port_paths();
 
 int open_serial_port(const char* path);
+// Ends the reads in progress (they stop within one wait of at most 50 ms) before the descriptor
+// is closed, with the settings found at open put back.
 int close_serial_port(int fd);
 bool send_frame(int fd, const Bytes& frame);
 Bytes read_byte(int fd);
