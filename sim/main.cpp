@@ -1,0 +1,77 @@
+#include "sim/DeviceSimulator.h"
+
+#include <csignal>
+#include <cstring>
+#include <iostream>
+#include <pthread.h>
+#include <string_view>
+
+// Serves one simulated device until interrupted. The port path is the first line of standard
+// output, so a script or a test can start the program and open what it prints.
+
+namespace {
+
+void printUsage(std::ostream& out)
+{
+    out << "Usage: dravinel-sim [--wire-time] [--revision TEXT] [--link-dir DIR]\n"
+           "\n"
+           "Plays the device on a pseudo-terminal and prints the port path on the first line.\n"
+           "Runs until SIGINT or SIGTERM.\n"
+           "\n"
+           "  --wire-time      pace every answer as a 115200-baud line would\n"
+           "  --revision TEXT  the firmware revision to report (default 2.1)\n"
+           "  --link-dir DIR   folder for the port's symlink (default: a fresh temporary folder)\n"
+           "  --help           show this text\n";
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    dravinel::sim::DeviceSimulator::Options options;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            printUsage(std::cout);
+            return 0;
+        }
+        if (arg == "--wire-time") {
+            options.wireTime = true;
+        } else if (arg == "--revision" && i + 1 < argc) {
+            options.revision = argv[++i];
+        } else if (arg == "--link-dir" && i + 1 < argc) {
+            options.linkDir = argv[++i];
+        } else {
+            std::cerr << "dravinel-sim: unknown or incomplete argument '" << arg << "'\n";
+            printUsage(std::cerr);
+            return 2;
+        }
+    }
+
+    // Blocked before any thread starts, so every thread inherits the mask and only sigwait
+    // below receives these signals.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
+    if (const int err = pthread_sigmask(SIG_BLOCK, &signals, nullptr); err != 0) {
+        std::cerr << "dravinel-sim: pthread_sigmask failed: " << std::strerror(err) << " (" << err
+                  << ")\n";
+        return 1;
+    }
+
+    dravinel::sim::DeviceSimulator simulator(options);
+    if (!simulator.start()) {
+        std::cerr << "dravinel-sim: could not start the simulated device\n";
+        return 1;
+    }
+    std::cout << simulator.portPath() << std::endl;
+    std::cerr << "dravinel-sim: serving " << simulator.slavePath() << "\n";
+
+    int received = 0;
+    if (const int err = sigwait(&signals, &received); err != 0)
+        std::cerr << "dravinel-sim: sigwait failed: " << std::strerror(err) << " (" << err << ")\n";
+    simulator.stop();
+    return 0;
+}
