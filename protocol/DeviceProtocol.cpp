@@ -59,8 +59,8 @@ bool isValidResponseFrame(const Bytes& frame)
     // Index 2 and the two terminators are looked at, so anything shorter cannot be a response.
     if (frame.size() < 4)
         return false;
-    const bool separatorOk = frame[1] == SEPARATOR || frame[1] == SEPARATOR_IR ||
-                             frame[2] == SEPARATOR_IR;
+    const bool separatorOk =
+        frame[1] == SEPARATOR || frame[1] == SEPARATOR_IR || frame[2] == SEPARATOR_IR;
     return separatorOk && DeviceProtocol::isResponseStart(static_cast<char>(frame[0])) &&
            endsWithTerminators(frame);
 }

@@ -18,8 +18,7 @@ struct NotificationCenter::Entry
 
 namespace {
 
-template <typename T>
-std::optional<T> lookUp(const UserInfo& info, const std::string& key)
+template <typename T> std::optional<T> lookUp(const UserInfo& info, const std::string& key)
 {
     auto it = info.find(key);
     if (it == info.end())
@@ -150,8 +149,8 @@ void NotificationCenter::post(const std::string& name, const void* sender, UserI
 std::size_t NotificationCenter::observerCount(const std::string& name) const
 {
     std::lock_guard lock(m_mutex);
-    return static_cast<std::size_t>(std::count_if(
-        m_entries.begin(), m_entries.end(), [&](const auto& e) { return e->name == name; }));
+    return static_cast<std::size_t>(std::count_if(m_entries.begin(), m_entries.end(),
+                                                  [&](const auto& e) { return e->name == name; }));
 }
 
 } // namespace dravinel
