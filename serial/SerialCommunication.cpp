@@ -7,6 +7,8 @@
 #include "support/NotificationCenter.h"
 
 #include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <exception>
@@ -63,6 +65,7 @@ bool SerialCommunication::start()
         return false;
     }
     port_f_desc = fd;
+    m_wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     Logger::getInstance().logDebug("SerialCommunication -> Device with file desc %d is open", fd);
     m_stopped = false;
     m_running = true;
@@ -78,6 +81,10 @@ void SerialCommunication::stop()
         std::lock_guard lock(m_pauseMutex);
         m_pause.notify_all();
     }
+    if (m_wakeFd >= 0) {
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const ssize_t n = write(m_wakeFd, &one, sizeof one);
+    }
     // The read watches m_running and returns within one poll period, so the reader is joined
     // before its descriptor is closed: no read ever sees a closed or reused descriptor.
     if (m_reader.joinable()) {
@@ -92,6 +99,10 @@ void SerialCommunication::stop()
         close_serial_port(fd);
         Logger::getInstance().logDebug("Serial communication -> Device with file desc %d is closed",
                                        fd);
+    }
+    if (m_wakeFd >= 0) {
+        close(m_wakeFd);
+        m_wakeFd = -1;
     }
 }
 
@@ -135,7 +146,7 @@ bool SerialCommunication::deviceFrameCheck()
         const std::string name = getPortName();
         if (fd == -1 || !is_device_open(name.c_str()) || lineHungUp(fd))
             return true;
-        if (auto frame = frameFromPiece(read_bytes_until_byte(fd, END_1, &m_running)))
+        if (auto frame = frameFromPiece(read_bytes_until_byte(fd, END_1, &m_running, m_wakeFd)))
             postIncomingFrameNotification(*frame);
     } catch (const std::exception& e) {
         Logger::getInstance().logDebug("SerialCommunication deviceFrameCheck : %s", e.what());

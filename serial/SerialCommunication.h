@@ -63,6 +63,7 @@ private:
 
     std::mutex m_writeMutex; // a write never meets the close of its descriptor
     std::thread m_reader;
+    int m_wakeFd = -1; // an eventfd that ends the reader's wait when the channel stops
     std::mutex m_pauseMutex;
     std::condition_variable m_pause;
 };

@@ -69,6 +69,9 @@ constexpr std::size_t kMaxReadBytes = 4096;
 // idle reader costs next to no CPU.
 constexpr int kReadWaitMs = 50;
 
+// The last fatal failure of open_serial_port on this thread.
+thread_local std::string tLastOpenError;
+
 std::mutex gRegisteredMutex;
 std::vector<std::string> gRegisteredPaths;
 
@@ -76,6 +79,16 @@ void printError(const char* format, const char* path)
 {
     const int err = errno;
     std::fprintf(stderr, format, path, std::strerror(err), err);
+}
+
+// Reports a failure that ends the open, and keeps it for last_open_error().
+void printOpenFailure(const char* call, const char* format, const char* path)
+{
+    const int err = errno;
+    tLastOpenError =
+        std::string(call) + ": " + std::strerror(err) + " (" + std::to_string(err) + ")";
+    errno = err;
+    printError(format, path);
 }
 
 // Linux has no TIOCSDTR / TIOCCDTR; the modem-line bit operations do the same.
@@ -235,25 +248,31 @@ std::vector<std::string> registered_port_paths()
     return gRegisteredPaths;
 }
 
+std::string last_open_error()
+{
+    return tLastOpenError;
+}
+
 int open_serial_port(const char* path)
 {
     // O_NONBLOCK keeps the open from waiting for carrier; it is deliberately never cleared, so
     // every read returns at once and the reader decides itself how to wait.
+    tLastOpenError.clear();
     int fd = open(path, O_RDWR | O_NOCTTY | O_NONBLOCK);
     if (fd == -1) {
-        printError("Error opening serial port %s - %s(%d).\n", path);
+        printOpenFailure("open", "Error opening serial port %s - %s(%d).\n", path);
         return -1;
     }
 
     // No other process may open the port while we talk to the device.
     if (ioctl(fd, TIOCEXCL) == -1) {
-        printError("Error setting TIOCEXCL on %s - %s(%d).\n", path);
+        printOpenFailure("ioctl(TIOCEXCL)", "Error setting TIOCEXCL on %s - %s(%d).\n", path);
         close(fd);
         return -1;
     }
 
     if (tcgetattr(fd, &gOriginalTTYAttrs) == -1) {
-        printError("Error getting tty attributes %s - %s(%d).\n", path);
+        printOpenFailure("tcgetattr", "Error getting tty attributes %s - %s(%d).\n", path);
         close(fd);
         return -1;
     }
@@ -268,7 +287,7 @@ int open_serial_port(const char* path)
     options.c_cflag &= ~static_cast<tcflag_t>(CRTSCTS);
     options.c_cflag &= ~static_cast<tcflag_t>(PARENB);
     if (tcsetattr(fd, TCSANOW, &options) == -1) {
-        printError("Error setting tty attributes %s - %s(%d).\n", path);
+        printOpenFailure("tcsetattr", "Error setting tty attributes %s - %s(%d).\n", path);
         close(fd);
         return -1;
     }
@@ -327,7 +346,8 @@ Bytes read_byte(int fd)
     return bytes;
 }
 
-Bytes read_bytes_until_byte(int fd, std::uint8_t stopByte, const std::atomic<bool>* keepReading)
+Bytes read_bytes_until_byte(int fd, std::uint8_t stopByte, const std::atomic<bool>* keepReading,
+                            int wakeFd)
 {
     Bytes bytes;
     if (fd < 0)
@@ -359,13 +379,15 @@ Bytes read_bytes_until_byte(int fd, std::uint8_t stopByte, const std::atomic<boo
             break; // EIO from a pulled adapter or a closed pty master; EBADF after a close.
 
         // Nothing waiting: sleep on the descriptor instead of spinning on it.
-        pollfd pfd{fd, POLLIN, 0};
-        const int ready = poll(&pfd, 1, kReadWaitMs);
+        pollfd fds[2] = {{fd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
+        const int ready = poll(fds, wakeFd >= 0 ? 2 : 1, kReadWaitMs);
         if (ready < 0 && errno != EINTR)
             break;
-        if (ready > 0 && (pfd.revents & POLLIN) == 0 &&
-            (pfd.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0)
+        if (ready > 0 && (fds[0].revents & POLLIN) == 0 &&
+            (fds[0].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0)
             break;
+        if (wakeFd >= 0 && (fds[1].revents & POLLIN) != 0)
+            break; // The owner wants the read to end now.
     } while (mayGoOn());
     return bytes;
 }

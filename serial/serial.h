@@ -44,6 +44,10 @@ void unregister_port_path(const std::string& path);
 std::vector<std::string> registered_port_paths();
 
 int open_serial_port(const char* path);
+// Why the calling thread's last open_serial_port failed, as "call: error text (number)", e.g.
+// "open: Permission denied (13)"; empty after a successful open. Kept per thread, so a scan
+// thread reads its own failure and not one of another thread.
+std::string last_open_error();
 // Ends the reads in progress (they stop within one wait of at most 50 ms) before the descriptor
 // is closed, with the settings found at open put back.
 int close_serial_port(int fd);
@@ -53,8 +57,9 @@ Bytes read_byte(int fd);
 // Reads up to (not including) stopByte. Besides the module's own running flag, the read also
 // ends when keepReading (if given) turns false, so an owner can end it without closing the port.
 // It waits with poll(2), never spins, gathers at most 4096 bytes and ends on hang-up or EIO.
+// A readable wakeFd (if given) ends the read at once, so that an owner need not wait out a poll.
 Bytes read_bytes_until_byte(int fd, std::uint8_t stopByte,
-                            const std::atomic<bool>* keepReading = nullptr);
+                            const std::atomic<bool>* keepReading = nullptr, int wakeFd = -1);
 
 int get_rts(int fd);
 bool set_rts(int fd, bool on);
