@@ -78,6 +78,11 @@ bool DeviceManager::waitUntilStopped(std::chrono::milliseconds timeout) const
     return m_serialManager->waitUntilScanEnded(timeout);
 }
 
+std::vector<PortAttempt> DeviceManager::getPortAttempts() const
+{
+    return m_serialManager->getPortAttempts();
+}
+
 void DeviceManager::post(const char* name, const char* key, std::int64_t value)
 {
     NotificationCenter::defaultCenter().post(name, this, {{key, value}});

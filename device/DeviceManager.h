@@ -1,6 +1,7 @@
 #pragma once
 
 #include "device/SettingsData.h"
+#include "protocol/SerialManager.h"
 #include "support/Bytes.h"
 
 #include <atomic>
@@ -10,13 +11,12 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 // The device's model: every device command as one typed operation, the connection state, and
 // the notifications that report readings and state changes.
 
 namespace dravinel {
-
-class SerialManager;
 
 // Notification names and their user-information keys.
 inline constexpr const char* ConnStateChangedEvent = "ConnStateChangedEvent";   // "state"
@@ -57,6 +57,8 @@ public:
     void enableKeepaliveCheck(bool enable);
     // Waits until the scan thread has ended (after stop(), or after two empty cycles).
     bool waitUntilStopped(std::chrono::milliseconds timeout) const;
+    // The ports the scan tried, in the order tried, each with its last attempt's outcome.
+    std::vector<PortAttempt> getPortAttempts() const;
 
     std::optional<std::string> readRevision();
     std::string getRevision() const;

@@ -249,6 +249,24 @@ bool SerialManager::sleepWhileRunning(std::chrono::milliseconds duration)
     return !m_wake.wait_for(lock, duration, [this] { return !m_running; });
 }
 
+std::vector<PortAttempt> SerialManager::getPortAttempts() const
+{
+    std::lock_guard lock(m_attemptsMutex);
+    return m_attempts;
+}
+
+void SerialManager::recordAttempt(const std::string& path, PortAttempt::Outcome outcome,
+                                  std::string reason)
+{
+    std::lock_guard lock(m_attemptsMutex);
+    auto it = std::find_if(m_attempts.begin(), m_attempts.end(),
+                           [&](const PortAttempt& attempt) { return attempt.path == path; });
+    if (it == m_attempts.end())
+        it = m_attempts.insert(m_attempts.end(), PortAttempt{path, outcome, {}});
+    it->outcome = outcome;
+    it->reason = std::move(reason);
+}
+
 std::shared_ptr<SerialCommunication> SerialManager::serial() const
 {
     std::lock_guard lock(m_serialMutex);
@@ -299,6 +317,11 @@ void SerialManager::threadScan()
                     const bool opened = channel->start();
                     if (opened) {
                         bool present = deviceManager->readRevision().has_value();
+                        // A read cut short by stop() says nothing about the device.
+                        if (present)
+                            recordAttempt(ports[index], PortAttempt::Outcome::Answered, {});
+                        else if (m_running)
+                            recordAttempt(ports[index], PortAttempt::Outcome::NoAnswer, {});
                         while (m_running && serial() && present && m_scanning) {
                             deviceManager->setConnectionState(2);
                             idleCycles = 0;
@@ -309,6 +332,10 @@ void SerialManager::threadScan()
                                 present = deviceManager->readVBatt() != VAL_UNDEF;
                         }
                         deviceManager->setConnectionState(m_running ? 1 : 3);
+                    } else {
+                        // The open ran on this thread, so its failure is this thread's to read.
+                        recordAttempt(ports[index], PortAttempt::Outcome::CouldNotOpen,
+                                      ports[index].empty() ? "empty path" : last_open_error());
                     }
                     m_connected = false;
                     stopSerial();

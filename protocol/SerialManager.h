@@ -22,6 +22,21 @@ namespace dravinel {
 class DeviceManager;
 class SerialCommunication;
 
+// The outcome of the scan's last attempt on one port, so that a front end can say why no device
+// was found.
+struct PortAttempt
+{
+    enum class Outcome {
+        Answered,     // opened, and the device answered the revision request
+        CouldNotOpen, // reason holds the failing call and the system's error
+        NoAnswer,     // opened, but no valid answer within the budget
+    };
+
+    std::string path;
+    Outcome outcome = Outcome::NoAnswer;
+    std::string reason;
+};
+
 class SerialManager : public std::enable_shared_from_this<SerialManager>
 {
 public:
@@ -62,6 +77,9 @@ public:
     // Waits until no scan thread of this object runs any more.
     bool waitUntilScanEnded(std::chrono::milliseconds timeout) const;
 
+    // Every port the scan tried, in the order first tried, each with its last attempt's outcome.
+    std::vector<PortAttempt> getPortAttempts() const;
+
 private:
     void threadScan();
     // Sleeps unless stop() comes first; returns false when woken by stop().
@@ -69,6 +87,7 @@ private:
     std::shared_ptr<SerialCommunication> serial() const;
     void setSerial(std::shared_ptr<SerialCommunication> serial);
     void stopSerial();
+    void recordAttempt(const std::string& path, PortAttempt::Outcome outcome, std::string reason);
 
     mutable std::mutex m_serialMutex;
     std::shared_ptr<SerialCommunication> m_serial;
@@ -89,6 +108,9 @@ private:
 
     std::vector<NotificationCenter::Token> m_observations;
     std::mutex m_observationMutex;
+
+    mutable std::mutex m_attemptsMutex;
+    std::vector<PortAttempt> m_attempts;
 
     mutable std::mutex m_sleepMutex;
     mutable std::condition_variable m_wake;
