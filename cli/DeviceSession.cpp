@@ -1,0 +1,106 @@
+#include "cli/DeviceSession.h"
+
+#include "cli/EventQueue.h"
+#include "protocol/Globals.h"
+#include "serial/serial.h"
+#include "sim/DeviceSimulator.h"
+
+#include <algorithm>
+#include <cerrno>
+
+namespace dravinel::cli {
+
+namespace {
+
+// The scan ends within one port attempt of a stop; this only guards against a hang.
+constexpr std::chrono::seconds kStopBudget{10};
+
+std::string describe(const PortAttempt& attempt)
+{
+    switch (attempt.outcome) {
+    case PortAttempt::Outcome::Answered:
+        return "answered, but the connection was lost again";
+    case PortAttempt::Outcome::NoAnswer:
+        return "opened, but no answer to the revision request";
+    case PortAttempt::Outcome::CouldNotOpen:
+        break;
+    }
+    const std::string reason = attempt.reason.empty() ? "unknown reason" : attempt.reason;
+    if (reason.starts_with("open: ") && reason.ends_with("(" + std::to_string(ENOENT) + ")"))
+        return "not found (" + reason + ")";
+    return "could not be opened: " + reason;
+}
+
+} // namespace
+
+DeviceSession::DeviceSession() = default;
+
+DeviceSession::~DeviceSession()
+{
+    if (m_manager) {
+        // A monitor may have turned it off; a manager left behind must not stay without it.
+        m_manager->enableKeepaliveCheck(true);
+        m_manager->stop();
+        m_manager->waitUntilStopped(kStopBudget);
+        m_manager.reset();
+    }
+    if (!m_registered.empty())
+        unregister_port_path(m_registered);
+    m_simulator.reset();
+}
+
+DeviceSession::Result DeviceSession::connect(const std::optional<std::string>& port, bool demo)
+{
+    if (demo) {
+        m_simulator = std::make_unique<sim::DeviceSimulator>();
+        if (!m_simulator->start())
+            return Result::DemoFailed;
+        m_registered = m_simulator->portPath();
+    } else if (port) {
+        m_registered = *port;
+    }
+    if (!m_registered.empty())
+        register_port_path(m_registered);
+
+    // Observing before the manager exists, so that no state can slip by.
+    EventQueue states(EventQueue::Subscriptions{{ConnStateChangedEvent, "state"}});
+    m_manager = DeviceManager::create();
+    for (;;) {
+        EventQueue::Event event;
+        // The scan ends by itself when it finds nothing, so the wait needs no limit of its own.
+        switch (states.next(EventQueue::Clock::now() + std::chrono::hours(1), event)) {
+        case EventQueue::Wait::Interrupted:
+            return Result::Interrupted;
+        case EventQueue::Wait::Timeout:
+            continue;
+        case EventQueue::Wait::Event:
+            break;
+        }
+        if (event.value == Connected)
+            return Result::Connected;
+        if (event.value == Disconnected)
+            return Result::NoDevice;
+    }
+}
+
+std::vector<std::string> DeviceSession::noDeviceReport() const
+{
+    std::vector<std::string> lines;
+    const auto attempts = m_manager ? m_manager->getPortAttempts() : std::vector<PortAttempt>{};
+    if (attempts.empty()) {
+        const auto machinePorts = get_port_paths();
+        lines.push_back("no serial port carries \"" + std::string(PRODUCT_WORD) + "\" (" +
+                        std::to_string(machinePorts.size()) +
+                        " serial ports on this machine); name one with --port PATH");
+        return lines;
+    }
+    std::size_t width = 0;
+    for (const auto& attempt : attempts)
+        width = std::max(width, attempt.path.size());
+    for (const auto& attempt : attempts)
+        lines.push_back(attempt.path + std::string(width - attempt.path.size() + 2, ' ') +
+                        describe(attempt));
+    return lines;
+}
+
+} // namespace dravinel::cli
