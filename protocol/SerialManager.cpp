@@ -85,6 +85,12 @@ bool SerialManager::start()
 
 void SerialManager::stop()
 {
+    // First, so that whatever fails from here on is seen as the end of the connection.
+    {
+        std::lock_guard lock(m_sleepMutex);
+        m_running = false;
+        m_wake.notify_all();
+    }
     std::vector<NotificationCenter::Token> observations;
     {
         std::lock_guard lock(m_observationMutex);
@@ -92,15 +98,10 @@ void SerialManager::stop()
     }
     for (auto token : observations)
         NotificationCenter::defaultCenter().remove(token);
-    {
-        // No frame can reach a waiting transaction any more: let it fail now, not at its budget.
-        std::lock_guard lock(m_responseMutex);
-        m_listening = false;
-        m_responseArrived.notify_all();
-    }
-    std::lock_guard lock(m_sleepMutex);
-    m_running = false;
-    m_wake.notify_all();
+    // No frame can reach a waiting transaction any more: let it fail now, not at its budget.
+    std::lock_guard lock(m_responseMutex);
+    m_listening = false;
+    m_responseArrived.notify_all();
 }
 
 void SerialManager::clean()
