@@ -67,23 +67,20 @@ NotificationCenter::Token NotificationCenter::observe(const std::string& name, H
 
 void NotificationCenter::remove(Token token)
 {
-    std::unique_lock lock(m_mutex);
-    std::vector<std::shared_ptr<Entry>> retired;
-    std::erase_if(m_entries, [&](const std::shared_ptr<Entry>& e) {
-        if (e->token != token)
-            return false;
-        retired.push_back(e);
-        return true;
-    });
-    retire(std::move(retired), lock);
+    removeIf([token](const Entry& e) { return e.token == token; });
 }
 
 void NotificationCenter::removeObserver(const void* observer)
 {
+    removeIf([observer](const Entry& e) { return e.observer == observer; });
+}
+
+void NotificationCenter::removeIf(const std::function<bool(const Entry&)>& matches)
+{
     std::unique_lock lock(m_mutex);
     std::vector<std::shared_ptr<Entry>> retired;
     std::erase_if(m_entries, [&](const std::shared_ptr<Entry>& e) {
-        if (e->observer != observer)
+        if (!matches(*e))
             return false;
         retired.push_back(e);
         return true;

@@ -54,6 +54,7 @@ public:
 
 private:
     struct Entry;
+    void removeIf(const std::function<bool(const Entry&)>& matches);
     void retire(std::vector<std::shared_ptr<Entry>> retired, std::unique_lock<std::mutex>& lock);
 
     mutable std::mutex m_mutex;

@@ -55,14 +55,7 @@ TEST_F(EngineTest, ConnectsReadsRevisionAndSettings)
 {
     Recorder revisions(ReadRevisionEvent, "rev");
     startSimulator();
-    sim::SimSettings values;
-    values.currentLimit = 111;
-    values.minIRDetection = 222;
-    values.positiveRotation = 333;
-    values.negativeRotation = 444;
-    values.motorSpeed = 555;
-    values.cycleTimeoutMins = 666;
-    m_sim->setSettings(values);
+    m_sim->setSettings({111, 222, 333, 444, 555, 666});
     connect();
 
     ASSERT_TRUE(revisions.waitForCount(1, 1s));
