@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,160 +23,108 @@ namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+namespace fs = std::filesystem;
 
-// The real program in its own process, its output gathered through pipes.
-class Program
+std::string slurp(const std::string& path)
 {
-public:
-    explicit Program(std::vector<std::string> args)
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// The real program in its own process, its stdout and stderr gathered in files.
+class CliProgramTest : public ::testing::Test
+{
+protected:
+    void TearDown() override
+    {
+        std::error_code ec;
+        for (const auto& path : {m_out, m_err})
+            fs::remove(path, ec);
+    }
+
+    pid_t start(std::vector<std::string> args) const
     {
         args.insert(args.begin(), DRAVINEL_CLI_EXE);
-        int out[2];
-        int err[2];
-        if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
-            return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
         std::vector<char*> argv;
         for (auto& arg : args)
             argv.push_back(arg.data());
         argv.push_back(nullptr);
-        if (posix_spawn(&m_pid, DRAVINEL_CLI_EXE, &actions, nullptr, argv.data(), environ) != 0)
-            m_pid = -1;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        const int flags = O_WRONLY | O_CREAT | O_TRUNC;
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, m_out.c_str(), flags, 0600);
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, m_err.c_str(), flags, 0600);
+        pid_t pid = -1;
+        if (posix_spawn(&pid, DRAVINEL_CLI_EXE, &actions, nullptr, argv.data(), environ) != 0)
+            pid = -1;
         posix_spawn_file_actions_destroy(&actions);
-        close(out[1]);
-        close(err[1]);
-        m_out = out[0];
-        m_err = err[0];
-    }
-    ~Program()
-    {
-        if (m_pid > 0 && !m_exited) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-        close(m_out);
-        close(m_err);
-    }
-    Program(const Program&) = delete;
-    Program& operator=(const Program&) = delete;
-
-    bool started() const { return m_pid > 0; }
-    pid_t pid() const { return m_pid; }
-
-    // Reads until stdout holds at least lines lines or the time is up.
-    bool waitForLines(std::size_t lines, std::chrono::milliseconds timeout)
-    {
-        const auto deadline = Clock::now() + timeout;
-        while (std::count(stdout_.begin(), stdout_.end(), '\n') < static_cast<long>(lines)) {
-            if (!pump(deadline))
-                return false;
-        }
-        return true;
+        return pid;
     }
 
-    // Gathers the output until the program ends; returns its exit code, or -1 on a time-out or
-    // a death by signal.
-    int finish(std::chrono::milliseconds timeout)
+    // The exit code, or -1 on a death by signal or a time-out (which kills the program).
+    static int finish(pid_t pid, std::chrono::milliseconds timeout)
     {
-        const auto deadline = Clock::now() + timeout;
-        while (pump(deadline)) {
-        }
+        if (pid <= 0)
+            return -1;
         int status = 0;
-        while (Clock::now() < deadline) {
-            if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-                m_exited = true;
+        for (const auto deadline = Clock::now() + timeout; Clock::now() < deadline;
+             std::this_thread::sleep_for(10ms))
+            if (waitpid(pid, &status, WNOHANG) == pid)
                 return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-            }
-            std::this_thread::sleep_for(10ms);
-        }
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
         return -1;
     }
 
-    std::string stdout_;
-    std::string stderr_;
+    std::string out() const { return slurp(m_out); }
+    std::string err() const { return slurp(m_err); }
 
-private:
-    // One read from whichever pipe has data; false once both are closed or the time is up.
-    bool pump(Clock::time_point deadline)
-    {
-        pollfd fds[2] = {{m_out, POLLIN, 0}, {m_err, POLLIN, 0}};
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left <= 0ms || poll(fds, 2, static_cast<int>(left.count())) <= 0)
-            return false;
-        bool open = false;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].revents == 0) {
-                open = open || fds[i].fd >= 0;
-                continue;
-            }
-            char buffer[4096];
-            const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
-            if (n > 0) {
-                (i == 0 ? stdout_ : stderr_).append(buffer, static_cast<std::size_t>(n));
-                open = true;
-            } else {
-                close(fds[i].fd);
-                (i == 0 ? m_out : m_err) = -1;
-            }
-        }
-        return open || m_out >= 0 || m_err >= 0;
-    }
-
-    pid_t m_pid = -1;
-    bool m_exited = false;
-    int m_out = -1;
-    int m_err = -1;
+    const std::string m_out = (fs::temp_directory_path() / "dravinel-cli-program-").string() +
+                              std::to_string(getpid()) + ".out";
+    const std::string m_err = m_out.substr(0, m_out.size() - 3) + "err";
 };
 
-TEST(CliProgramTest, ExitCodesSayWhatHappened)
+TEST_F(CliProgramTest, ExitCodesSayWhatHappened)
 {
     dravinel::sim::DeviceSimulator device;
     ASSERT_TRUE(device.start());
-
-    Program get({"--port", device.portPath(), "--json", "get"});
-    ASSERT_TRUE(get.started());
-    EXPECT_EQ(get.finish(10s), 0) << get.stderr_;
-    EXPECT_EQ(get.stdout_.front(), '{');
-    EXPECT_EQ(get.stdout_.find("\"motor_speed\": 200"), get.stdout_.find("\"motor_speed\""));
-
-    Program help({"--help"});
-    EXPECT_EQ(help.finish(10s), 0);
-    EXPECT_NE(help.stdout_.find("restore FILE"), std::string::npos);
-
-    const auto before = device.requests().size();
-    Program bad({"--port", device.portPath(), "set", "motor-speed=65536"});
-    EXPECT_EQ(bad.finish(10s), 2);
-    EXPECT_EQ(bad.stdout_, "");
-    Program none({});
-    EXPECT_EQ(none.finish(10s), 2);
-    EXPECT_EQ(device.requests().size(), before);
-
     device.setAnswerOverride('T', "t,1");
-    Program unconfirmed({"--port", device.portPath(), "set", "cycle-timeout=2"});
-    EXPECT_EQ(unconfirmed.finish(10s), 1);
-    EXPECT_NE(unconfirmed.stderr_.find("it answered \"t,1\""), std::string::npos);
-
-    Program absent({"--port", "/nonexistent/dravinel-port", "info"});
-    EXPECT_EQ(absent.finish(20s), 3);
-    EXPECT_NE(absent.stderr_.find("/nonexistent/dravinel-port  not found"), std::string::npos)
-        << absent.stderr_;
+    const std::string port = device.portPath();
+    // The arguments, the exit code, and a text expected on stdout after a success, on stderr
+    // otherwise.
+    const std::vector<std::tuple<std::vector<std::string>, int, std::string>> cases = {
+        {{"--port", port, "--json", "get"}, 0, "{\"current_limit\": 120, "},
+        {{"--help"}, 0, "restore FILE"},
+        {{"--port", port, "set", "motor-speed=65536"}, 2, "'65536' is not a whole number"},
+        {{}, 2, ""},
+        {{"--port", port, "set", "cycle-timeout=2"}, 1, "it answered \"t,1\""},
+        {{"--port", "/nonexistent/port", "info"}, 3, "/nonexistent/port  not found"},
+    };
+    for (const auto& [args, code, text] : cases) {
+        const auto requests = device.requests().size();
+        EXPECT_EQ(finish(start(args), 20s), code) << err();
+        EXPECT_NE((code == 0 ? out() : err()).find(text), std::string::npos) << out() << err();
+        if (code == 2) {
+            EXPECT_EQ(out(), "");
+            EXPECT_EQ(device.requests().size(), requests) << "a refused command reached the device";
+        }
+    }
 }
 
-TEST(CliProgramTest, CtrlCEndsAMonitorAndTheProgramCleanly)
+TEST_F(CliProgramTest, CtrlCEndsAMonitorAndTheProgramCleanly)
 {
     dravinel::sim::DeviceSimulator device;
     ASSERT_TRUE(device.start());
-    Program monitor({"--port", device.portPath(), "monitor", "position"});
-    ASSERT_TRUE(monitor.started());
-    ASSERT_TRUE(monitor.waitForLines(2, 10s)) << monitor.stderr_;
-    const auto start = Clock::now();
-    kill(monitor.pid(), SIGINT);
-    EXPECT_EQ(monitor.finish(10s), 0) << monitor.stderr_;
-    EXPECT_LT(Clock::now() - start, 2s);
+    const pid_t monitor = start({"--port", device.portPath(), "monitor", "position"});
+    ASSERT_GT(monitor, 0);
+    const auto deadline = Clock::now() + 10s;
+    while (std::ranges::count(out(), '\n') < 2 && Clock::now() < deadline)
+        std::this_thread::sleep_for(10ms);
+    EXPECT_GE(std::ranges::count(out(), '\n'), 2) << err();
+    const auto interrupted = Clock::now();
+    kill(monitor, SIGINT);
+    EXPECT_EQ(finish(monitor, 10s), 0) << err();
+    EXPECT_LT(Clock::now() - interrupted, 2s);
     const auto count = device.requests().size();
     std::this_thread::sleep_for(1200ms);
     EXPECT_EQ(device.requests().size(), count) << "the port is still being polled";
