@@ -238,27 +238,36 @@ std::uint16_t DeviceManager::readReedSensor()
                       MonitorReedSensorEvent, "value");
 }
 
+DeviceManager::IRReply DeviceManager::parseIRReply(const std::string& text)
+{
+    if (!std::string_view(text).starts_with(kIRPrefix))
+        return {IRReply::Status::Invalid, VAL_UNDEF};
+    auto number = scanLeadingInt(removeAll(removeAll(text, kIRPrefix), kLineEnd));
+    if (!number)
+        return {IRReply::Status::NonNumeric, VAL_UNDEF};
+    return {IRReply::Status::Ok, low16(*number)};
+}
+
 std::uint16_t DeviceManager::readIR()
 {
     // The IR reply is a text line ("IR: <n>"), not a coded answer.
     auto results = m_serialManager->sendWithResponses(READ_IR_REQ, nullptr, 0, 1, DELAY_RESPONSE);
     if (!results || results->empty() || results->front().empty())
         return VAL_UNDEF;
-    std::string text = asciiText(results->front());
-    if (!std::string_view(text).starts_with(kIRPrefix)) {
+    const IRReply reply = parseIRReply(asciiText(results->front()));
+    switch (reply.status) {
+    case IRReply::Status::Invalid:
         // The message names the reed sensor read; log readers know it by these words.
         logger().logDebug("DeviceManager readReedSensor: Invalid response");
         return VAL_UNDEF;
-    }
-    text = removeAll(removeAll(std::move(text), kIRPrefix), kLineEnd);
-    auto number = scanLeadingInt(text);
-    if (!number) {
+    case IRReply::Status::NonNumeric:
         logger().logDebug("DeviceManager onMonitorFrameReceived: Non numeric response content");
         return VAL_UNDEF;
+    case IRReply::Status::Ok:
+        break;
     }
-    const std::uint16_t value = low16(*number);
-    post(MonitorIREvent, "value", value);
-    return value;
+    post(MonitorIREvent, "value", reply.value);
+    return reply.value;
 }
 
 void DeviceManager::startMotorMonitoring()

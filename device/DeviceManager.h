@@ -75,6 +75,13 @@ public:
     std::uint16_t readVBatt();
     std::uint16_t readReedSensor();
     std::uint16_t readIR();
+    // The reading of an IR reply text ("IR: <n>", LF CR), as readIR takes it.
+    struct IRReply
+    {
+        enum class Status { Ok, Invalid, NonNumeric } status;
+        std::uint16_t value;
+    };
+    static IRReply parseIRReply(const std::string& text);
     void startMotorMonitoring();
     void onMonitorFrameReceived(const Bytes& frame);
 

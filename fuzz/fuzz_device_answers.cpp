@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 // The device model's reading of answers: the six settings results, numeric answers with their
@@ -91,8 +92,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (auto content = DeviceProtocol::extractContent(frame))
             checkNumber(asciiText(*content));
 
-        // The IR answer's reading, as readIR does it.
+        // The IR answer's reading: a value only behind the "IR: " prefix, and then the 16-bit
+        // reduction of the number that follows once the prefixes and line ends are gone.
         checkNumber(removeAll(removeAll(text, "IR: "), "\n\r"));
+        const auto ir = DeviceManager::parseIRReply(text);
+        const bool prefixed = std::string_view(text).starts_with("IR: ");
+        if (prefixed != (ir.status != DeviceManager::IRReply::Status::Invalid))
+            std::abort();
+        if (ir.status != DeviceManager::IRReply::Status::Ok && ir.value != VAL_UNDEF)
+            std::abort();
 
         // Monitor frames: whatever is posted is the 16-bit reduction of the number read.
         if (isMonitorFrame(frame)) {
