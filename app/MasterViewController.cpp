@@ -1,6 +1,7 @@
 #include "MasterViewController.h"
 
 #include "Hyperlink.h"
+#include "MotorCurrentChart.h"
 #include "VectorPicture.h"
 #include "ui_MasterView.h"
 #include "ui_WelcomePopupPanel.h"
@@ -11,6 +12,7 @@
 #include "support/TextScan.h"
 
 #include <QDialog>
+#include <QLayout>
 #include <QMetaObject>
 #include <QUrl>
 
@@ -67,6 +69,13 @@ MasterViewController::MasterViewController(QWidget* parent)
                                                devicePixelRatioF()));
     m_ui->kelImage->setPixmap(renderPicture(QStringLiteral(":/pictures/logo.svg"),
                                             m_ui->kelImage->minimumSize(), devicePixelRatioF()));
+
+    // The motor-current curve sits under the value and shows only for a motor test.
+    m_motorChart = new MotorCurrentChart(m_ui->monitoringGroup);
+    m_motorChart->setObjectName(QStringLiteral("motorCurrentChart"));
+    m_motorChart->hide();
+    m_ui->monitoringLayout->insertWidget(m_ui->monitoringLayout->indexOf(m_ui->monitoringHint),
+                                         m_motorChart);
 
     connect(m_ui->connectButton, &QPushButton::clicked, this,
             [this] { onConnectButtonPressed(m_ui->connectButton); });
@@ -447,6 +456,16 @@ void MasterViewController::onMonitoringSelectionChanged(QObject*)
             manager->enableKeepaliveCheck(enable);
     };
 
+    if (m_motorChart->isHidden() && index == 1) {
+        m_motorChart->show();
+        // Grow the window for the curve rather than squeezing the panels around it.
+        if (QWidget* top = window(); top && top->layout()) {
+            top->layout()->activate();
+            top->resize(top->size().expandedTo(top->sizeHint()));
+        }
+    } else if (index != 1) {
+        m_motorChart->hide();
+    }
     switch (index) {
     case -1:
     case 0:
@@ -457,6 +476,7 @@ void MasterViewController::onMonitoringSelectionChanged(QObject*)
     case 1:
         m_shared->m_monitoring = 0;
         m_lastMotorMonitoringPass = false;
+        m_motorChart->clear();
         enableKeepalive(false);
         ui.monitoringNameLabel->setText(QStringLiteral("Motor current :"));
         toggleInterface(false);
@@ -522,7 +542,14 @@ void MasterViewController::queueMonitoringValue(const Notification& notification
 
 void MasterViewController::eventReadMotor(const Notification& notification)
 {
-    queueMonitoringValue(notification);
+    const std::int64_t value = notification.integer("value").value_or(0);
+    QMetaObject::invokeMethod(
+        this,
+        [this, value] {
+            setMonitoringValue(value);
+            m_motorChart->addSample(value);
+        },
+        Qt::QueuedConnection);
 }
 
 void MasterViewController::eventMotorDone(const Notification& notification)

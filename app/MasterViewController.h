@@ -28,6 +28,8 @@ class WelcomePopupPanel;
 
 namespace dravinel {
 
+class MotorCurrentChart;
+
 class DeviceManager;
 struct Notification;
 
@@ -109,6 +111,7 @@ private:
     std::unique_ptr<Ui::MasterView> m_ui;
     std::unique_ptr<Ui::WelcomePopupPanel> m_welcomeUi;
     QDialog* m_welcomePopup = nullptr;
+    MotorCurrentChart* m_motorChart = nullptr;
 
     std::shared_ptr<Shared> m_shared = std::make_shared<Shared>();
     // Every manager this controller made, so that none of their threads outlives it.

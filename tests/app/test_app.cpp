@@ -3,6 +3,7 @@
 #include "AppDelegate.h"
 #include "Hyperlink.h"
 #include "MasterViewController.h"
+#include "MotorCurrentChart.h"
 
 #include "device/DeviceManager.h"
 #include "serial/serial.h"
@@ -398,6 +399,10 @@ void AppTest::monitoringPollsOnceASecondAndMotorTestLocksBothPasses()
     QTRY_VERIFY_WITH_TIMEOUT(combo->isEnabled(), 3000);
     QCOMPARE(done.count(), 2);
     QCOMPARE(combo->currentIndex(), 0);
+    // The finished test's curve stays on screen: every sample of both passes was plotted.
+    const auto* chart = widget<MotorCurrentChart>("motorCurrentChart");
+    QVERIFY(chart->isVisible());
+    QVERIFY(chart->sampleCount() >= 10);
     QVERIFY(widget<QPushButton>("updateAdvancedButton")->isEnabled());
     QCOMPARE(name->text(), QStringLiteral("Motor current :"));
     value->text().toInt(&numeric);
@@ -408,6 +413,7 @@ void AppTest::monitoringPollsOnceASecondAndMotorTestLocksBothPasses()
     widget<QPushButton>("refreshBasicButton")->click();
     QCOMPARE(name->text(), QStringLiteral("- :"));
     QCOMPARE(value->text(), QStringLiteral("-"));
+    QVERIFY(!chart->isVisible());
     QVERIFY(m_sim->waitForRequests('V', 1, 4500ms));
 }
 
