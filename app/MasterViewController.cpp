@@ -29,6 +29,12 @@ namespace dravinel {
 
 namespace {
 
+// The connection states as the notification carries them.
+constexpr std::int32_t Disconnected = static_cast<std::int32_t>(ConnectionState::Disconnected);
+constexpr std::int32_t Scanning = static_cast<std::int32_t>(ConnectionState::Scanning);
+constexpr std::int32_t Connected = static_cast<std::int32_t>(ConnectionState::Connected);
+constexpr std::int32_t Disconnecting = static_cast<std::int32_t>(ConnectionState::Disconnecting);
+
 constexpr std::chrono::milliseconds kPollPeriod{DELAY_SCAN_CHECK};
 // How long the destructor waits for the device's threads; they end within one transaction.
 constexpr std::chrono::seconds kShutdownWait{5};
@@ -198,7 +204,7 @@ void MasterViewController::startConnection()
     // Created under the lock: the scan thread starts at once, and its first notifications must
     // find the new manager in place.
     std::lock_guard lock(m_shared->m_lock);
-    m_shared->m_deviceMngr = DeviceManager::create();
+    m_shared->m_deviceMngr = DeviceManager::create(m_deviceOptions);
     m_createdManagers.push_back(m_shared->m_deviceMngr);
     std::erase_if(m_createdManagers, [](const auto& weak) { return weak.expired(); });
 }
@@ -318,8 +324,13 @@ void MasterViewController::eventConnectionStateChanged(const Notification& notif
             manager = m_shared->m_deviceMngr;
         }
     }
-    if (state == Disconnected && manager)
+    if (state == Disconnected && manager) {
         manager->stop();
+        // Dropped on the main thread: the manager joins this (the scan) thread when it goes.
+        QMetaObject::invokeMethod(
+            this, [manager] { (void)manager; }, Qt::QueuedConnection);
+        manager.reset();
+    }
 
     QMetaObject::invokeMethod(
         this, [this, state] { updateDisplay(state); }, Qt::QueuedConnection);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "device/SettingsData.h"
+#include "protocol/SerialManager.h"
 
 #include <QString>
 #include <QWidget>
@@ -55,6 +56,9 @@ public:
     void onUpdateAdvancedButtonPressed(QObject* sender);
     void onMonitoringSelectionChanged(QObject* sender);
     void onWelcomeOpenButtonPressed(QObject* sender);
+
+    // Which ports a connection started from now on tries.
+    void setDeviceOptions(ScanOptions options) { m_deviceOptions = std::move(options); }
 
     void toggleInterface(bool enable);
     void updateDisplay(std::int32_t state);
@@ -114,6 +118,7 @@ private:
     MotorCurrentChart* m_motorChart = nullptr;
 
     std::shared_ptr<Shared> m_shared = std::make_shared<Shared>();
+    ScanOptions m_deviceOptions;
     // Every manager this controller made, so that none of their threads outlives it.
     std::vector<std::weak_ptr<DeviceManager>> m_createdManagers;
     std::int32_t m_currConnectionState = 0;

@@ -1,4 +1,6 @@
 #include "AppDelegate.h"
+#include "MasterViewController.h"
+#include "device/DeviceManager.h"
 
 #include "serial/serial.h"
 #include "sim/DeviceSimulator.h"
@@ -111,10 +113,13 @@ int main(int argc, char* argv[])
             std::fprintf(stderr, "dravinel: could not start the simulated device\n");
             return 1;
         }
-        dravinel::register_port_path(simulator->portPath());
     }
-    if (!options.port.isEmpty())
-        dravinel::register_port_path(options.port.toStdString());
+    // A named port, or the simulated device, is the only port the app opens.
+    dravinel::DeviceManager::Options deviceOptions;
+    if (simulator)
+        deviceOptions = {{simulator->portPath()}, false};
+    else if (!options.port.isEmpty())
+        deviceOptions = {{options.port.toStdString()}, false};
 
     dravinel::AppDelegate delegate;
     if (simulator)
@@ -122,10 +127,9 @@ int main(int argc, char* argv[])
     if (qEnvironmentVariableIsSet("DRAVINEL_STARTUP_TIMING"))
         delegate.window()->installEventFilter(new StartupTimer(sinceStart, &delegate));
     delegate.applicationDidFinishLaunching();
+    delegate.masterViewController()->setDeviceOptions(deviceOptions);
     delegate.window()->resize(delegate.window()->sizeHint().expandedTo(QSize(780, 560)));
     delegate.window()->show();
     const int result = QApplication::exec();
-    if (simulator)
-        dravinel::unregister_port_path(simulator->portPath());
     return result;
 }

@@ -39,6 +39,8 @@ extern char** environ;
 
 namespace {
 
+constexpr std::int64_t kConnected = static_cast<std::int64_t>(dravinel::ConnectionState::Connected);
+
 using namespace dravinel;
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
@@ -247,10 +249,9 @@ int main(int argc, char** argv)
     bench::SimProcess sim;
     if (!sim.start(config.simExe))
         return 1;
-    register_port_path(sim.portPath());
     StateWatch states;
-    auto manager = DeviceManager::create();
-    if (!states.waitFor(Connected, 10s)) {
+    auto manager = DeviceManager::create({{sim.portPath()}, false});
+    if (!states.waitFor(kConnected, 10s)) {
         std::cerr << "dravinel-bench: no connection to " << sim.portPath() << "\n";
         return 1;
     }
@@ -311,7 +312,6 @@ int main(int argc, char** argv)
     manager->stop();
     manager->waitUntilStopped(5s);
     manager.reset();
-    unregister_port_path(sim.portPath());
     sim.stop();
 
     // Part two: the monitor latency needs the moment the device starts its frame, so the
@@ -322,10 +322,9 @@ int main(int argc, char** argv)
         sim::DeviceSimulator local(options);
         if (!local.start())
             return 1;
-        register_port_path(local.portPath());
         StateWatch localStates;
-        auto monitor = DeviceManager::create();
-        if (!localStates.waitFor(Connected, 10s)) {
+        auto monitor = DeviceManager::create({{local.portPath()}, false});
+        if (!localStates.waitFor(kConnected, 10s)) {
             std::cerr << "dravinel-bench: no connection to the in-process simulator\n";
             return 1;
         }
@@ -364,7 +363,6 @@ int main(int argc, char** argv)
         NotificationCenter::defaultCenter().remove(token);
         monitor->stop();
         monitor->waitUntilStopped(5s);
-        unregister_port_path(local.portPath());
     }
 
     const auto appHwm = appPeakRssKb(config.appExe, config.appSeconds);

@@ -25,6 +25,8 @@
 
 namespace {
 
+constexpr std::int64_t kConnected = static_cast<std::int64_t>(dravinel::ConnectionState::Connected);
+
 using namespace dravinel;
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
@@ -76,7 +78,6 @@ int main(int argc, char** argv)
     bench::SimProcess sim;
     if (!sim.start(simExe))
         return 1;
-    register_port_path(sim.portPath());
 
     std::mutex mutex;
     std::condition_variable changed;
@@ -95,11 +96,11 @@ int main(int argc, char** argv)
         changed.notify_all();
     });
 
-    auto manager = DeviceManager::create();
+    auto manager = DeviceManager::create({{sim.portPath()}, false});
     {
         std::unique_lock lock(mutex);
         if (!changed.wait_for(lock, 10s, [&] {
-                return std::find(states.begin(), states.end(), Connected) != states.end();
+                return std::find(states.begin(), states.end(), kConnected) != states.end();
             })) {
             std::cerr << "dravinel-soak: no connection to " << sim.portPath() << "\n";
             return 1;
@@ -155,7 +156,6 @@ int main(int argc, char** argv)
     const bool stopped = manager->waitUntilStopped(5s);
     center.remove(batteryToken);
     center.remove(stateToken);
-    unregister_port_path(sim.portPath());
     sim.stop();
 
     std::vector<double> alive;

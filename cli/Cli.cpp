@@ -286,7 +286,7 @@ int runSet(Context& c, DeviceManager& device, AnswerTap& tap,
     for (std::size_t i = 0; i < assignments.size(); ++i) {
         const auto& [setting, value] = assignments[i];
         tap.arm();
-        if (!(device.*setting->save)(value)) {
+        if (!(device.*setting->save)(value).confirmed) {
             std::string message = unconfirmedMessage(*setting, value, tap);
             if (i + 1 < assignments.size())
                 message += "; the remaining writes were not attempted";
@@ -358,7 +358,7 @@ int runRestore(Context& c, DeviceManager& device, AnswerTap& tap, const std::str
     for (std::size_t i = 0; i < settings().size() && result == kExitOk; ++i) {
         const auto& setting = settings()[i];
         tap.arm();
-        if ((device.*setting.save)(backup.values[i])) {
+        if ((device.*setting.save)(backup.values[i]).confirmed) {
             outcomes[i] = Outcome::Confirmed;
         } else {
             outcomes[i] = Outcome::NotConfirmed;

@@ -15,21 +15,6 @@ namespace {
 // The scan ends within one port attempt of a stop; this only guards against a hang.
 constexpr std::chrono::seconds kStopBudget{10};
 
-std::string describe(const PortAttempt& attempt)
-{
-    switch (attempt.outcome) {
-    case PortAttempt::Outcome::Answered:
-        return "answered, but the connection was lost again";
-    case PortAttempt::Outcome::NoAnswer:
-        return "opened, but no answer to the revision request";
-    case PortAttempt::Outcome::CouldNotOpen:
-        break;
-    }
-    const std::string reason = attempt.reason.empty() ? "unknown reason" : attempt.reason;
-    if (reason.starts_with("open: ") && reason.ends_with("(" + std::to_string(ENOENT) + ")"))
-        return "not found (" + reason + ")";
-    return "could not be opened: " + reason;
-}
 
 } // namespace
 
@@ -44,8 +29,6 @@ DeviceSession::~DeviceSession()
         m_manager->waitUntilStopped(kStopBudget);
         m_manager.reset();
     }
-    if (!m_registered.empty())
-        unregister_port_path(m_registered);
     m_simulator.reset();
 }
 
@@ -59,12 +42,13 @@ DeviceSession::Result DeviceSession::connect(const std::optional<std::string>& p
     } else if (port) {
         m_registered = *port;
     }
-    if (!m_registered.empty())
-        register_port_path(m_registered);
 
     // Observing before the manager exists, so that no state can slip by.
     EventQueue states(EventQueue::Subscriptions{{ConnStateChangedEvent, "state"}});
-    m_manager = DeviceManager::create();
+    DeviceManager::Options options;
+    if (!m_registered.empty())
+        options = {{m_registered}, false};
+    m_manager = DeviceManager::create(options);
     for (;;) {
         EventQueue::Event event;
         // The scan ends by itself when it finds nothing, so the wait needs no limit of its own.
@@ -76,9 +60,9 @@ DeviceSession::Result DeviceSession::connect(const std::optional<std::string>& p
         case EventQueue::Wait::Event:
             break;
         }
-        if (event.value == Connected)
+        if (event.value == static_cast<std::int64_t>(ConnectionState::Connected))
             return Result::Connected;
-        if (event.value == Disconnected)
+        if (event.value == static_cast<std::int64_t>(ConnectionState::Disconnected))
             return Result::NoDevice;
     }
 }
@@ -99,7 +83,7 @@ std::vector<std::string> DeviceSession::noDeviceReport() const
         width = std::max(width, attempt.path.size());
     for (const auto& attempt : attempts)
         lines.push_back(attempt.path + std::string(width - attempt.path.size() + 2, ' ') +
-                        describe(attempt));
+                        describePortAttempt(attempt));
     return lines;
 }
 

@@ -14,6 +14,7 @@
 
 namespace dravinel {
 class DeviceManager;
+struct WriteResult;
 }
 
 namespace dravinel::cli {
@@ -23,7 +24,7 @@ struct Setting
     std::string_view name; // on the command line: "current-limit"
     std::string_view key;  // in JSON: "current_limit"
     std::uint16_t (SettingsData::*get)() const;
-    bool (DeviceManager::*save)(std::uint16_t);
+    WriteResult (DeviceManager::*save)(std::uint16_t);
     char request; // the request code, as the device receives it
 };
 

@@ -23,15 +23,23 @@ Logger& logger()
 
 } // namespace
 
-std::shared_ptr<DeviceManager> DeviceManager::create()
+std::string answerText(const Bytes& frame)
 {
-    auto manager = std::make_shared<DeviceManager>(PassKey{});
-    manager->m_serialManager = std::make_shared<SerialManager>(manager);
-    manager->m_serialManager->start();
+    std::string text = toText(frame);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+        text.pop_back();
+    return text;
+}
+
+std::shared_ptr<DeviceManager> DeviceManager::create(Options options)
+{
+    auto manager = std::make_shared<DeviceManager>(PassKey{}, std::move(options));
+    manager->m_serialManager.start();
     return manager;
 }
 
-DeviceManager::DeviceManager(PassKey)
+DeviceManager::DeviceManager(PassKey, Options options)
+    : m_serialManager(*this, std::move(options))
 {
     // Declared for the device's readings but not kept here: reads return and post their values.
     (void)m_batteryLevel;
@@ -41,46 +49,45 @@ DeviceManager::DeviceManager(PassKey)
 
 DeviceManager::~DeviceManager()
 {
-    if (m_serialManager)
-        m_serialManager->stop();
+    m_serialManager.join();
 }
 
 void DeviceManager::stop()
 {
-    m_serialManager->stop();
+    m_serialManager.stop();
 }
 
 void DeviceManager::clean()
 {
-    m_serialManager->clean();
+    m_serialManager.clean();
 }
 
 bool DeviceManager::isConnected() const
 {
-    return m_serialManager->isConnected();
+    return m_serialManager.isConnected();
 }
 
-void DeviceManager::setConnectionState(std::int32_t state)
+void DeviceManager::setConnectionState(ConnectionState state)
 {
     // Posted before the store, and only on a change.
     if (state != m_connectionState)
-        post(ConnStateChangedEvent, "state", state);
+        post(ConnStateChangedEvent, "state", static_cast<std::int32_t>(state));
     m_connectionState = state;
 }
 
 void DeviceManager::enableKeepaliveCheck(bool enable)
 {
-    m_serialManager->enableKeepAlive(enable);
+    m_serialManager.enableKeepAlive(enable);
 }
 
 bool DeviceManager::waitUntilStopped(std::chrono::milliseconds timeout) const
 {
-    return m_serialManager->waitUntilScanEnded(timeout);
+    return m_serialManager.waitUntilScanEnded(timeout);
 }
 
 std::vector<PortAttempt> DeviceManager::getPortAttempts() const
 {
-    return m_serialManager->getPortAttempts();
+    return m_serialManager.getPortAttempts();
 }
 
 void DeviceManager::post(const char* name, const char* key, std::int64_t value)
@@ -89,11 +96,16 @@ void DeviceManager::post(const char* name, const char* key, std::int64_t value)
 }
 
 std::optional<std::string> DeviceManager::requestContent(char request, const std::string& content,
-                                                         char response, const char* prefix)
+                                                         char response, const char* prefix,
+                                                         std::optional<std::string>* answer)
 {
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(content.data());
-    auto results = m_serialManager->sendWithResponses(request, content.empty() ? nullptr : bytes,
-                                                      content.size(), 1, DELAY_RESPONSE);
+    std::vector<Bytes> received;
+    auto results = m_serialManager.sendWithResponses(request, content.empty() ? nullptr : bytes,
+                                                     content.size(), 1, RESPONSE_TIMEOUT,
+                                                     &received);
+    if (answer)
+        *answer = received.empty() ? std::nullopt : std::optional(answerText(received.front()));
     if (!results || results->empty() || results->front().empty())
         return std::nullopt;
     const Bytes& first = results->front();
@@ -110,9 +122,10 @@ std::optional<std::string> DeviceManager::requestContent(char request, const std
 }
 
 std::optional<std::uint16_t> DeviceManager::requestNumber(char request, const std::string& content,
-                                                          char response, const char* prefix)
+                                                          char response, const char* prefix,
+                                                          std::optional<std::string>* answer)
 {
-    auto text = requestContent(request, content, response, prefix);
+    auto text = requestContent(request, content, response, prefix, answer);
     if (!text)
         return std::nullopt;
     auto number = scanLeadingInt(*text);
@@ -125,7 +138,13 @@ std::optional<std::uint16_t> DeviceManager::requestNumber(char request, const st
 
 std::optional<std::string> DeviceManager::readRevision()
 {
-    auto revision = requestContent(READ_REV_REQ, {}, READ_REV_RESP, "DeviceManager readRevision");
+    return readRevision(nullptr);
+}
+
+std::optional<std::string> DeviceManager::readRevision(std::optional<std::string>* answer)
+{
+    auto revision =
+        requestContent(READ_REV_REQ, {}, READ_REV_RESP, "DeviceManager readRevision", answer);
     if (!revision)
         return std::nullopt;
     {
@@ -142,10 +161,16 @@ std::string DeviceManager::getRevision() const
     return m_revision;
 }
 
-std::optional<SettingsData> DeviceManager::readSettings()
+std::optional<SettingsData> DeviceManager::readSettings(std::vector<std::string>* answers)
 {
-    auto results =
-        m_serialManager->sendWithResponses(READ_SETTINGS_REQ, nullptr, 0, 6, DELAY_RESPONSE);
+    std::vector<Bytes> received;
+    auto results = m_serialManager.sendWithResponses(READ_SETTINGS_REQ, nullptr, 0, 6,
+                                                     RESPONSE_TIMEOUT, &received);
+    if (answers) {
+        answers->clear();
+        for (const auto& frame : received)
+            answers->push_back(answerText(frame));
+    }
     if (!results || results->empty() || results->front().empty())
         return std::nullopt;
     auto settings = SettingsData::createFromResults(*results);
@@ -154,71 +179,70 @@ std::optional<SettingsData> DeviceManager::readSettings()
     return settings;
 }
 
-bool DeviceManager::saveSetting(char request, char response, const char* prefix,
-                                std::uint16_t value)
+WriteResult DeviceManager::save(Setting setting, std::uint16_t value)
 {
-    auto echo = requestContent(request, std::to_string(value), response, prefix);
+    const SettingInfo& info = settingInfo(setting);
+    WriteResult result;
+    auto echo = requestContent(info.request, std::to_string(value), info.response, info.logPrefix,
+                               &result.answer);
     if (!echo)
-        return false;
+        return result;
     auto number = scanLeadingInt(*echo);
     if (!number) {
-        logger().logDebug("%s: Non numeric response content", prefix);
-        return false;
+        logger().logDebug("%s: Non numeric response content", info.logPrefix);
+        return result;
     }
     // Compared on 16 bits: an echo 65536 above the value passes too.
     if (low16(*number) != value) {
-        logger().logDebug("%s: Did not return saved value", prefix);
-        return false;
+        logger().logDebug("%s: Did not return saved value", info.logPrefix);
+        return result;
     }
-    logger().logDebug("%s: Success", prefix);
-    return true;
+    logger().logDebug("%s: Success", info.logPrefix);
+    result.confirmed = true;
+    return result;
 }
 
-bool DeviceManager::saveCurrentLimit(std::uint16_t value)
+WriteResult DeviceManager::saveCurrentLimit(std::uint16_t value)
 {
-    return saveSetting(SAVE_CURR_LIMIT_REQ, SAVE_CURR_LIMIT_RESP, "DeviceManager SaveCurrentLimit",
-                       value);
+    return save(Setting::CurrentLimit, value);
 }
 
-bool DeviceManager::saveIR(std::uint16_t value)
+WriteResult DeviceManager::saveIR(std::uint16_t value)
 {
-    return saveSetting(SAVE_IR_REQ, SAVE_IR_RESP, "DeviceManager SaveIR", value);
+    return save(Setting::MinIRDetection, value);
 }
 
-bool DeviceManager::savePositiveRotation(std::uint16_t value)
+WriteResult DeviceManager::savePositiveRotation(std::uint16_t value)
 {
-    return saveSetting(SAVE_POS_ROT_REQ, SAVE_POS_ROT_RESP, "DeviceManager SavePositiveRotation",
-                       value);
+    return save(Setting::PositiveRotation, value);
 }
 
-bool DeviceManager::saveNegativeRotation(std::uint16_t value)
+WriteResult DeviceManager::saveNegativeRotation(std::uint16_t value)
 {
-    return saveSetting(SAVE_NEG_ROT_REQ, SAVE_NEG_ROT_RESP, "DeviceManager SaveNegativeRotation",
-                       value);
+    return save(Setting::NegativeRotation, value);
 }
 
-bool DeviceManager::saveMotorSpeed(std::uint16_t value)
+WriteResult DeviceManager::saveMotorSpeed(std::uint16_t value)
 {
-    return saveSetting(SAVE_MOTOR_SPEED_REQ, SAVE_MOTOR_SPEED_RESP, "DeviceManager SaveMotorSpeed",
-                       value);
+    return save(Setting::MotorSpeed, value);
 }
 
-bool DeviceManager::saveCycleTimeout(std::uint16_t value)
+WriteResult DeviceManager::saveCycleTimeout(std::uint16_t value)
 {
-    return saveSetting(SAVE_CYCLE_TO_REQ, SAVE_CYCLE_TO_RESP, "DeviceManager SaveCycleTimeout",
-                       value);
+    return save(Setting::CycleTimeout, value);
 }
 
 bool DeviceManager::saveAndExit()
 {
-    m_serialManager->sendWithoutResponse(SAVE_EXIT_REQ, nullptr, 0);
+    m_serialManager.sendWithoutResponse(SAVE_EXIT_REQ, nullptr, 0);
     return true;
 }
 
 std::uint16_t DeviceManager::readSensor(char request, char response, const char* prefix,
-                                        const char* notification, const char* key)
+                                        const char* notification, const char* key,
+                                        std::optional<std::string>* answer)
 {
-    auto value = requestNumber(request, {}, response, prefix);
+    auto value = requestNumber(request, {}, response, prefix, answer);
     if (!value)
         return VAL_UNDEF;
     logger().logDebug("%s: Success", prefix);
@@ -228,14 +252,19 @@ std::uint16_t DeviceManager::readSensor(char request, char response, const char*
 
 std::uint16_t DeviceManager::readVBatt()
 {
+    return readVBatt(nullptr);
+}
+
+std::uint16_t DeviceManager::readVBatt(std::optional<std::string>* answer)
+{
     return readSensor(READ_V_BATT_REQ, READ_V_BATT_RESP, "DeviceManager ReadVBatt", ReadVBattEvent,
-                      "vbatt");
+                      "vbatt", answer);
 }
 
 std::uint16_t DeviceManager::readReedSensor()
 {
     return readSensor(READ_REED_SENSOR_REQ, READ_REED_SENSOR_RESP, "DeviceManager readReedSensor",
-                      MonitorReedSensorEvent, "value");
+                      MonitorReedSensorEvent, "value", nullptr);
 }
 
 DeviceManager::IRReply DeviceManager::parseIRReply(const std::string& text)
@@ -251,7 +280,7 @@ DeviceManager::IRReply DeviceManager::parseIRReply(const std::string& text)
 std::uint16_t DeviceManager::readIR()
 {
     // The IR reply is a text line ("IR: <n>"), not a coded answer.
-    auto results = m_serialManager->sendWithResponses(READ_IR_REQ, nullptr, 0, 1, DELAY_RESPONSE);
+    auto results = m_serialManager.sendWithResponses(READ_IR_REQ, nullptr, 0, 1, RESPONSE_TIMEOUT);
     if (!results || results->empty() || results->front().empty())
         return VAL_UNDEF;
     const IRReply reply = parseIRReply(asciiText(results->front()));
@@ -272,7 +301,7 @@ std::uint16_t DeviceManager::readIR()
 
 void DeviceManager::startMotorMonitoring()
 {
-    m_serialManager->sendWithoutResponse(TEST_MOTOR_REQ, nullptr, 0);
+    m_serialManager.sendWithoutResponse(TEST_MOTOR_REQ, nullptr, 0);
 }
 
 void DeviceManager::onMonitorFrameReceived(const Bytes& frame)

@@ -1,6 +1,10 @@
 #pragma once
 
+#include "device/Settings.h"
 #include "device/SettingsData.h"
+#include "protocol/ConnectionState.h"
+#include "protocol/PortAttempt.h"
+#include "protocol/ScanDelegate.h"
 #include "protocol/SerialManager.h"
 #include "support/Bytes.h"
 
@@ -27,52 +31,65 @@ inline constexpr const char* MonitorMotorDoneEvent = "MonitorMotorDoneEvent";   
 inline constexpr const char* MonitorIREvent = "MonitorIREvent";                 // "value"
 inline constexpr const char* MonitorReedSensorEvent = "MonitorReedSensorEvent"; // "value"
 
-enum ConnectionState : std::int32_t {
-    Disconnected = 0,
-    Scanning = 1,
-    Connected = 2,
-    Disconnecting = 3,
+// What a write sent and what came back.
+struct WriteResult
+{
+    bool confirmed = false;            // the device echoed the value written
+    std::optional<std::string> answer; // the first answer without LF CR; empty when none came
+    explicit operator bool() const { return confirmed; }
 };
 
-class DeviceManager : public std::enable_shared_from_this<DeviceManager>
+// A frame as a person reads it: its text without the LF CR that end it.
+std::string answerText(const Bytes& frame);
+
+class DeviceManager final : public ScanDelegate
 {
     struct PassKey
     {};
 
 public:
-    // Creates the manager and starts looking for the device at once. The scan thread shares
-    // ownership until it ends, so dropping the last handle never pulls the manager from under it.
-    static std::shared_ptr<DeviceManager> create();
-    explicit DeviceManager(PassKey);
+    using Options = ScanOptions;
+
+    // Creates the manager and starts looking for the device at once. The destructor stops the
+    // scan and joins its thread, so the last handle must never be dropped on the scan thread
+    // (inside a handler of the state it posts): front ends drop it on their own thread.
+    static std::shared_ptr<DeviceManager> create(Options options = {});
+    DeviceManager(PassKey, Options options);
     ~DeviceManager();
     DeviceManager(const DeviceManager&) = delete;
     DeviceManager& operator=(const DeviceManager&) = delete;
 
     void stop();
     void clean();
-    std::shared_ptr<SerialManager> getSerialManager() const { return m_serialManager; }
+    SerialManager& getSerialManager() { return m_serialManager; }
     bool isConnected() const;
-    void setConnectionState(std::int32_t state);
-    std::int32_t getConnectionState() const { return m_connectionState; }
+    void setConnectionState(ConnectionState state) override;
+    ConnectionState getConnectionState() const { return m_connectionState; }
     void enableKeepaliveCheck(bool enable);
     // Waits until the scan thread has ended (after stop(), or after two empty cycles).
     bool waitUntilStopped(std::chrono::milliseconds timeout) const;
     // The ports the scan tried, in the order tried, each with its last attempt's outcome.
     std::vector<PortAttempt> getPortAttempts() const;
 
-    std::optional<std::string> readRevision();
+    // The overloads with answer also hand back the device's first answer (without LF CR), valid
+    // or not, or nothing when none came: a front end can then say what the device answered.
+    std::optional<std::string> readRevision() override;
+    std::optional<std::string> readRevision(std::optional<std::string>* answer);
     std::string getRevision() const;
-    std::optional<SettingsData> readSettings();
+    // With answers, every answer that came, valid or not.
+    std::optional<SettingsData> readSettings(std::vector<std::string>* answers = nullptr);
 
-    bool saveCurrentLimit(std::uint16_t value);
-    bool saveIR(std::uint16_t value);
-    bool savePositiveRotation(std::uint16_t value);
-    bool saveNegativeRotation(std::uint16_t value);
-    bool saveMotorSpeed(std::uint16_t value);
-    bool saveCycleTimeout(std::uint16_t value);
+    WriteResult save(Setting setting, std::uint16_t value);
+    WriteResult saveCurrentLimit(std::uint16_t value);
+    WriteResult saveIR(std::uint16_t value);
+    WriteResult savePositiveRotation(std::uint16_t value);
+    WriteResult saveNegativeRotation(std::uint16_t value);
+    WriteResult saveMotorSpeed(std::uint16_t value);
+    WriteResult saveCycleTimeout(std::uint16_t value);
     bool saveAndExit();
 
-    std::uint16_t readVBatt();
+    std::uint16_t readVBatt() override;
+    std::uint16_t readVBatt(std::optional<std::string>* answer);
     std::uint16_t readReedSensor();
     std::uint16_t readIR();
     // The reading of an IR reply text ("IR: <n>", LF CR), as readIR takes it.
@@ -83,27 +100,31 @@ public:
     };
     static IRReply parseIRReply(const std::string& text);
     void startMotorMonitoring();
-    void onMonitorFrameReceived(const Bytes& frame);
+    void onMonitorFrameReceived(const Bytes& frame) override;
 
 private:
     // The answer check shared by every command with one coded answer: the content text of the
     // first response, or nothing (logged under prefix, except for a missing answer).
+    // With answer, the first answer's text is handed back too, whatever became of it.
     std::optional<std::string> requestContent(char request, const std::string& content,
-                                              char response, const char* prefix);
+                                              char response, const char* prefix,
+                                              std::optional<std::string>* answer = nullptr);
     std::optional<std::uint16_t> requestNumber(char request, const std::string& content,
-                                               char response, const char* prefix);
-    bool saveSetting(char request, char response, const char* prefix, std::uint16_t value);
+                                               char response, const char* prefix,
+                                               std::optional<std::string>* answer = nullptr);
     std::uint16_t readSensor(char request, char response, const char* prefix,
-                             const char* notification, const char* key);
+                             const char* notification, const char* key,
+                             std::optional<std::string>* answer);
     void post(const char* name, const char* key, std::int64_t value);
 
-    std::shared_ptr<SerialManager> m_serialManager;
     mutable std::mutex m_revisionMutex;
     std::string m_revision = "???";
     float m_batteryLevel = 0.0f;
     std::int32_t m_reedSensor = 0;
     std::int32_t m_infraRed = 0;
-    std::atomic<std::int32_t> m_connectionState{0};
+    std::atomic<ConnectionState> m_connectionState{ConnectionState::Disconnected};
+    // Last: its scan thread uses the members above, so it is joined before they go.
+    SerialManager m_serialManager;
 };
 
 } // namespace dravinel

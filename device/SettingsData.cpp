@@ -15,12 +15,52 @@ SettingsData::SettingsData(std::uint16_t currThreshold, std::uint16_t minIRDetec
       m_negRotation(negRotation), m_motorSpeed(motorSpeed), m_cycleTimeoutMins(cycleTimeoutMins)
 {}
 
+std::uint16_t SettingsData::get(Setting setting) const
+{
+    switch (setting) {
+    case Setting::CurrentLimit:
+        return m_currThreshold;
+    case Setting::MinIRDetection:
+        return m_minIRDetection;
+    case Setting::PositiveRotation:
+        return m_posRotation;
+    case Setting::NegativeRotation:
+        return m_negRotation;
+    case Setting::MotorSpeed:
+        return m_motorSpeed;
+    case Setting::CycleTimeout:
+        return m_cycleTimeoutMins;
+    }
+    return VAL_UNDEF;
+}
+
+void SettingsData::set(Setting setting, std::uint16_t value)
+{
+    switch (setting) {
+    case Setting::CurrentLimit:
+        m_currThreshold = value;
+        return;
+    case Setting::MinIRDetection:
+        m_minIRDetection = value;
+        return;
+    case Setting::PositiveRotation:
+        m_posRotation = value;
+        return;
+    case Setting::NegativeRotation:
+        m_negRotation = value;
+        return;
+    case Setting::MotorSpeed:
+        m_motorSpeed = value;
+        return;
+    case Setting::CycleTimeout:
+        m_cycleTimeoutMins = value;
+        return;
+    }
+}
+
 std::optional<SettingsData> SettingsData::createFromResults(std::vector<Bytes>& results)
 {
-    // In field order; bit 0x20 is the first setting, 0x01 the last.
-    static constexpr std::array<char, 6> codes = {SAVE_CURR_LIMIT_RESP,  SAVE_IR_RESP,
-                                                  SAVE_POS_ROT_RESP,     SAVE_NEG_ROT_RESP,
-                                                  SAVE_MOTOR_SPEED_RESP, SAVE_CYCLE_TO_RESP};
+    // Bit 0x20 is the table's first setting, 0x01 its last.
     unsigned missing = 0x3F;
     std::array<std::uint16_t, 6> values;
     values.fill(VAL_UNDEF);
@@ -28,8 +68,8 @@ std::optional<SettingsData> SettingsData::createFromResults(std::vector<Bytes>& 
     for (const Bytes& response : results) {
         if (response.empty())
             continue;
-        for (std::size_t i = 0; i < codes.size(); ++i) {
-            if (static_cast<char>(response[0]) != codes[i])
+        for (std::size_t i = 0; i < kSettings.size(); ++i) {
+            if (static_cast<char>(response[0]) != kSettings[i].response)
                 continue;
             if (auto content = DeviceProtocol::extractContent(response)) {
                 if (auto number = scanLeadingInt(asciiText(*content))) {
@@ -44,7 +84,10 @@ std::optional<SettingsData> SettingsData::createFromResults(std::vector<Bytes>& 
 
     if (missing != 0)
         return std::nullopt;
-    return SettingsData(values[0], values[1], values[2], values[3], values[4], values[5]);
+    SettingsData data;
+    for (const auto& info : kSettings)
+        data.set(info.id, values[settingIndex(info.id)]);
+    return data;
 }
 
 } // namespace dravinel

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "device/Settings.h"
 #include "support/Bytes.h"
 
 #include <cstdint>
@@ -34,6 +35,10 @@ public:
     void setMotorSpeed(std::uint16_t v) { m_motorSpeed = v; }
     std::uint16_t getCycleTimeoutMins() const { return m_cycleTimeoutMins; }
     void setCycleTimeoutMins(std::uint16_t v) { m_cycleTimeoutMins = v; }
+
+    // A setting by its entry in the table of the six.
+    std::uint16_t get(Setting setting) const;
+    void set(Setting setting, std::uint16_t value);
 
     bool operator==(const SettingsData&) const = default;
 

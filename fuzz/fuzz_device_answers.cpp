@@ -62,7 +62,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     Logger::getInstance().setSink([](const std::string&) {});
     // A manager whose scan is stopped at once: only its frame parsing is used.
-    gManager = DeviceManager::create();
+    gManager = DeviceManager::create({{}, false});
     gManager->stop();
     if (!gManager->waitUntilStopped(std::chrono::seconds(10)))
         std::abort();

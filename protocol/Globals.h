@@ -47,6 +47,9 @@ inline constexpr std::int32_t DELAY_RESPONSE = 1000;
 inline constexpr std::int32_t DELAY_SCAN_CHECK = 1000;
 inline constexpr std::int32_t DELAY_STEP_WAIT = 10;
 
+// DELAY_RESPONSE as a duration, as the transactions take it.
+inline constexpr std::chrono::milliseconds RESPONSE_TIMEOUT{DELAY_RESPONSE};
+
 // The keep-alive period of a held connection.
 inline constexpr std::chrono::milliseconds KEEPALIVE_PERIOD{3000};
 

@@ -1,8 +1,8 @@
 #include "protocol/SerialManager.h"
 
-#include "device/DeviceManager.h"
 #include "protocol/DeviceProtocol.h"
 #include "protocol/Globals.h"
+#include "serial/PortWatcher.h"
 #include "serial/SerialCommunication.h"
 #include "serial/serial.h"
 #include "support/Converter.h"
@@ -10,7 +10,11 @@
 
 #include <algorithm>
 #include <exception>
-#include <thread>
+#include <filesystem>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace dravinel {
 
@@ -20,6 +24,17 @@ constexpr std::chrono::milliseconds kScanPause{DELAY_SCAN_CHECK};
 // Budgets beyond this are waited as if endless; it keeps the deadline arithmetic finite.
 constexpr std::chrono::hours kLongestBudget{24 * 365};
 
+std::vector<std::string> existingPorts(const std::vector<std::string>& ports)
+{
+    std::vector<std::string> existing;
+    for (const auto& port : ports) {
+        std::error_code ec;
+        if (std::filesystem::exists(port, ec))
+            existing.push_back(port);
+    }
+    return existing;
+}
+
 Logger& logger()
 {
     return Logger::getInstance();
@@ -27,14 +42,18 @@ Logger& logger()
 
 } // namespace
 
-SerialManager::SerialManager(std::weak_ptr<DeviceManager> deviceManager)
-    : m_deviceManager(std::move(deviceManager))
-{}
+SerialManager::SerialManager(ScanDelegate& deviceManager, ScanOptions options)
+    : m_deviceManager(deviceManager), m_options(std::move(options))
+{
+    m_kickFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+}
 
 SerialManager::~SerialManager()
 {
-    stop();
+    join();
     stopSerial();
+    if (m_kickFd >= 0)
+        close(m_kickFd);
 }
 
 bool SerialManager::start()
@@ -48,49 +67,35 @@ bool SerialManager::start()
     {
         std::lock_guard lock(m_observationMutex);
         auto& center = NotificationCenter::defaultCenter();
-        std::weak_ptr<SerialManager> weak = weak_from_this();
+        // Removed by stop(), which waits for a handler still running: this outlives them.
         m_observations.push_back(center.observe(
-            ComOnIncomingFrame,
-            [weak](const Notification& n) {
-                if (auto self = weak.lock())
-                    self->eventIncomingFrame(n);
-            },
-            this));
+            ComOnIncomingFrame, [this](const Notification& n) { eventIncomingFrame(n); }, this));
         m_observations.push_back(center.observe(
-            ComOnOutcomingFrame,
-            [weak](const Notification& n) {
-                if (auto self = weak.lock())
-                    self->eventOutcomingFrame(n);
-            },
-            this));
+            ComOnOutcomingFrame, [this](const Notification& n) { eventOutcomingFrame(n); }, this));
     }
     {
         std::lock_guard lock(m_sleepMutex);
         ++m_scanThreads;
     }
-    // Detached on purpose: the thread holds what it uses, and a thread must never join itself,
-    // which would happen when the last owner lets go on the scan thread.
-    std::thread([self = shared_from_this()] {
+    std::lock_guard threads(m_threadsMutex);
+    m_threads.emplace_back([this](std::stop_token stop) {
         try {
-            self->threadScan();
+            threadScan(stop);
         } catch (...) {
             // Not a failure of the scan itself: the thread ends, as an unknown throw would.
         }
-        std::lock_guard lock(self->m_sleepMutex);
-        --self->m_scanThreads;
-        self->m_wake.notify_all();
-    }).detach();
+        std::lock_guard lock(m_sleepMutex);
+        --m_scanThreads;
+        m_wake.notify_all();
+    });
     return true;
 }
 
 void SerialManager::stop()
 {
     // First, so that whatever fails from here on is seen as the end of the connection.
-    {
-        std::lock_guard lock(m_sleepMutex);
-        m_running = false;
-        m_wake.notify_all();
-    }
+    m_running = false;
+    kick();
     std::vector<NotificationCenter::Token> observations;
     {
         std::lock_guard lock(m_observationMutex);
@@ -101,6 +106,36 @@ void SerialManager::stop()
     // No frame can reach a waiting transaction any more: let it fail now, not at its budget.
     std::lock_guard lock(m_responseMutex);
     m_listening = false;
+    m_responseArrived.notify_all();
+}
+
+void SerialManager::join()
+{
+    stop();
+    std::vector<std::jthread> threads;
+    {
+        std::lock_guard lock(m_threadsMutex);
+        threads.swap(m_threads);
+    }
+    for (auto& thread : threads) {
+        thread.request_stop();
+        thread.join();
+    }
+}
+
+void SerialManager::kick()
+{
+    if (m_kickFd < 0)
+        return;
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t n = write(m_kickFd, &one, sizeof one);
+}
+
+void SerialManager::onLineLost()
+{
+    m_lineLost = true;
+    kick();
+    std::lock_guard lock(m_responseMutex);
     m_responseArrived.notify_all();
 }
 
@@ -126,7 +161,8 @@ std::optional<std::vector<Bytes>> SerialManager::sendWithResponses(char code,
                                                                    const std::uint8_t* content,
                                                                    std::uint64_t contentLength,
                                                                    std::int32_t numResponses,
-                                                                   std::uint64_t timeout)
+                                                                   std::chrono::milliseconds timeout,
+                                                                   std::vector<Bytes>* received)
 {
     std::lock_guard transaction(m_lock);
     std::vector<Bytes> result;
@@ -142,8 +178,8 @@ std::optional<std::vector<Bytes>> SerialManager::sendWithResponses(char code,
 
     // The budget is numResponses x timeout milliseconds, the count widened with its sign and
     // the product taken unsigned.
-    const auto product =
-        static_cast<std::uint64_t>(static_cast<std::int64_t>(numResponses)) * timeout;
+    const auto product = static_cast<std::uint64_t>(static_cast<std::int64_t>(numResponses)) *
+                         static_cast<std::uint64_t>(timeout.count());
     const std::chrono::duration<double, std::milli> budget(static_cast<double>(product));
     const auto deadline =
         start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
@@ -153,7 +189,11 @@ std::optional<std::vector<Bytes>> SerialManager::sendWithResponses(char code,
     const auto enough = [this] {
         return static_cast<std::int64_t>(m_lResponseFrames.size()) >= m_numRequestedFrames;
     };
-    m_responseArrived.wait_until(lock, deadline, [&] { return enough() || !m_listening; });
+    // A hung-up line or a stopped manager can bring no more frames: fail now, not at the budget.
+    m_responseArrived.wait_until(lock, deadline,
+                                 [&] { return enough() || !m_listening || m_lineLost; });
+    if (received)
+        *received = m_lResponseFrames;
     if (!enough()) {
         logger().logError("SerialManager sendWithResponses : Did not get enough responses");
         return std::nullopt;
@@ -200,8 +240,7 @@ void SerialManager::eventIncomingFrame(const Notification& notification)
 
     if (isMonitorFrame(*data)) {
         logger().logDebug(" <= MONITOR : %s", text.c_str());
-        if (auto deviceManager = m_deviceManager.lock())
-            deviceManager->onMonitorFrameReceived(*data);
+        m_deviceManager.onMonitorFrameReceived(*data);
         return;
     }
     {
@@ -221,7 +260,9 @@ void SerialManager::eventIncomingFrame(const Notification& notification)
 
 std::vector<std::string> SerialManager::getPorts() const
 {
-    std::vector<std::string> ports = registered_port_paths();
+    std::vector<std::string> ports = m_options.ports;
+    if (!m_options.scanForOthers)
+        return ports;
     for (const auto& path : SerialCommunication::getSerialPortPaths()) {
         if (path.find(PRODUCT_WORD) == std::string::npos)
             continue;
@@ -244,10 +285,47 @@ bool SerialManager::waitUntilScanEnded(std::chrono::milliseconds timeout) const
     return m_wake.wait_for(lock, timeout, [this] { return m_scanThreads == 0; });
 }
 
-bool SerialManager::sleepWhileRunning(std::chrono::milliseconds duration)
+std::vector<std::string> SerialManager::watchedFolders() const
 {
-    std::unique_lock lock(m_sleepMutex);
-    return !m_wake.wait_for(lock, duration, [this] { return !m_running; });
+    std::vector<std::string> folders;
+    if (m_options.scanForOthers)
+        folders.push_back(SerialRoots{}.byIdDir);
+    for (const auto& port : m_options.ports)
+        folders.push_back(std::filesystem::path(port).parent_path().string());
+    return folders;
+}
+
+SerialManager::Wake SerialManager::pause(std::chrono::milliseconds duration, bool watchLine,
+                                         PortWatcher* watcher)
+{
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + duration;
+    // Listed after the watcher was set up, so nothing can appear unseen in between.
+    const auto known = watcher ? existingPorts(getPorts()) : std::vector<std::string>{};
+    for (;;) {
+        if (!m_running)
+            return Wake::Stopped;
+        if (watchLine && m_lineLost)
+            return Wake::LineLost;
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0)
+            return Wake::Elapsed;
+        pollfd fds[2] = {{m_kickFd, POLLIN, 0}, {watcher ? watcher->fd() : -1, POLLIN, 0}};
+        const int ready = poll(fds, 2, static_cast<int>(std::min<std::int64_t>(left.count(), 60000)));
+        if (ready <= 0)
+            continue;
+        if ((fds[0].revents & POLLIN) != 0) {
+            std::uint64_t count = 0;
+            [[maybe_unused]] const ssize_t n = read(m_kickFd, &count, sizeof count);
+        }
+        // Anything may appear in a watched folder; only a candidate port that was not there
+        // before ends the pause.
+        if ((fds[1].revents & POLLIN) != 0 && watcher->drain()) {
+            for (const auto& port : existingPorts(getPorts()))
+                if (std::find(known.begin(), known.end(), port) == known.end())
+                    return Wake::PortAppeared;
+        }
+    }
 }
 
 std::vector<PortAttempt> SerialManager::getPortAttempts() const
@@ -256,16 +334,15 @@ std::vector<PortAttempt> SerialManager::getPortAttempts() const
     return m_attempts;
 }
 
-void SerialManager::recordAttempt(const std::string& path, PortAttempt::Outcome outcome,
-                                  std::string reason)
+void SerialManager::recordAttempt(PortAttempt attempt)
 {
     std::lock_guard lock(m_attemptsMutex);
     auto it = std::find_if(m_attempts.begin(), m_attempts.end(),
-                           [&](const PortAttempt& attempt) { return attempt.path == path; });
+                           [&](const PortAttempt& a) { return a.path == attempt.path; });
     if (it == m_attempts.end())
-        it = m_attempts.insert(m_attempts.end(), PortAttempt{path, outcome, {}});
-    it->outcome = outcome;
-    it->reason = std::move(reason);
+        m_attempts.push_back(std::move(attempt));
+    else
+        *it = std::move(attempt);
 }
 
 std::shared_ptr<SerialCommunication> SerialManager::serial() const
@@ -291,58 +368,73 @@ void SerialManager::stopSerial()
         channel->stop();
 }
 
-void SerialManager::threadScan()
+void SerialManager::threadScan(std::stop_token stop)
 {
-    // Held for the whole thread, so the manager outlives the last state it reports.
-    auto deviceManager = m_deviceManager.lock();
-    if (!deviceManager)
-        return;
-
+    const auto running = [&] { return m_running && !stop.stop_requested(); };
     // m_running was set by start(), before this thread existed: setting it again here would
     // undo a stop() that came first.
     m_scanning = true;
     m_enableKeepalive = true;
     int idleCycles = 0;
 
-    while (m_running && idleCycles < 2) {
-        deviceManager->setConnectionState(1);
+    while (running() && idleCycles < 2) {
+        m_deviceManager.setConnectionState(ConnectionState::Scanning);
+        bool portAppeared = false;
+        std::unique_ptr<PortWatcher> watcher;
+        std::vector<std::string> ports;
         try {
             if (m_scanning) {
                 m_inLoopScan = true;
                 stopSerial();
-                const auto ports = getPorts();
-                for (std::size_t index = 0; index < ports.size() && m_scanning && m_running;) {
-                    auto channel = std::make_shared<SerialCommunication>();
+                // Watching before listing, so that a port appearing in between is not missed.
+                watcher = std::make_unique<PortWatcher>(watchedFolders());
+                ports = getPorts();
+                for (std::size_t index = 0;
+                     index < ports.size() && m_scanning && running() && !portAppeared;) {
+                    const std::string& path = ports[index];
+                    auto channel = std::make_shared<SerialCommunication>(
+                        Framing{END_1, [](Bytes piece) { return frameFromPiece(std::move(piece)); }});
+                    channel->setPortName(path);
+                    m_lineLost = false;
+                    channel->setOnLineLost([this] { onLineLost(); });
                     setSerial(channel);
-                    channel->setPortName(ports[index]);
                     const bool opened = channel->start();
                     if (opened) {
-                        bool present = deviceManager->readRevision().has_value();
+                        bool present = m_deviceManager.readRevision().has_value();
                         // A read cut short by stop() says nothing about the device.
                         if (present)
-                            recordAttempt(ports[index], PortAttempt::Outcome::Answered, {});
-                        else if (m_running)
-                            recordAttempt(ports[index], PortAttempt::Outcome::NoAnswer, {});
-                        while (m_running && serial() && present && m_scanning) {
-                            deviceManager->setConnectionState(2);
+                            recordAttempt({path, PortAttempt::Outcome::Answered, std::nullopt});
+                        else if (running())
+                            recordAttempt({path, PortAttempt::Outcome::NoAnswer, std::nullopt});
+                        while (running() && serial() && present && m_scanning) {
+                            m_deviceManager.setConnectionState(ConnectionState::Connected);
                             idleCycles = 0;
                             m_connected = true;
-                            if (!sleepWhileRunning(KEEPALIVE_PERIOD))
+                            // The keep-alive may be off, but a hang-up ends the connection now.
+                            const Wake wake = pause(KEEPALIVE_PERIOD, true);
+                            if (wake == Wake::Stopped)
                                 break;
+                            if (wake == Wake::LineLost) {
+                                present = false;
+                                break;
+                            }
                             if (m_enableKeepalive)
-                                present = deviceManager->readVBatt() != VAL_UNDEF;
+                                present = m_deviceManager.readVBatt() != VAL_UNDEF;
+                            if (m_lineLost)
+                                present = false;
                         }
-                        deviceManager->setConnectionState(m_running ? 1 : 3);
+                        m_deviceManager.setConnectionState(running() ? ConnectionState::Scanning
+                                                                     : ConnectionState::Disconnecting);
                     } else {
-                        // The open ran on this thread, so its failure is this thread's to read.
-                        recordAttempt(ports[index], PortAttempt::Outcome::CouldNotOpen,
-                                      ports[index].empty() ? "empty path" : last_open_error());
+                        recordAttempt({path, PortAttempt::Outcome::CouldNotOpen, channel->lastError()});
                     }
                     m_connected = false;
                     stopSerial();
-                    if (m_running) {
+                    if (running()) {
                         ++index;
-                        sleepWhileRunning(kScanPause);
+                        // A port that appears here is tried in a new cycle, at once.
+                        portAppeared =
+                            pause(kScanPause, false, watcher.get()) == Wake::PortAppeared;
                     }
                 }
             }
@@ -357,12 +449,15 @@ void SerialManager::threadScan()
             m_inLoopScan = false;
             m_wake.notify_all();
         }
-        if (m_running) {
-            sleepWhileRunning(kScanPause);
-            ++idleCycles;
+        if (running() && !portAppeared) {
+            const Wake wake = pause(kScanPause, false, watcher.get());
+            // A device plugged in now is looked for at once, and the search does not count as
+            // idle.
+            if (wake != Wake::PortAppeared)
+                ++idleCycles;
         }
     }
-    deviceManager->setConnectionState(0);
+    m_deviceManager.setConnectionState(ConnectionState::Disconnected);
     m_running = false;
 }
 

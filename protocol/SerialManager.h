@@ -1,5 +1,8 @@
 #pragma once
 
+#include "protocol/ConnectionState.h"
+#include "protocol/PortAttempt.h"
+#include "protocol/ScanDelegate.h"
 #include "support/Bytes.h"
 #include "support/NotificationCenter.h"
 
@@ -10,7 +13,9 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stop_token>
 #include <string>
+#include <thread>
 #include <vector>
 
 // The single gateway between the device model and the serial channel: request/response
@@ -19,36 +24,31 @@
 
 namespace dravinel {
 
-class DeviceManager;
+class PortWatcher;
 class SerialCommunication;
 
-// The outcome of the scan's last attempt on one port, so that a front end can say why no device
-// was found.
-struct PortAttempt
+// Which ports the scan tries.
+struct ScanOptions
 {
-    enum class Outcome {
-        Answered,     // opened, and the device answered the revision request
-        CouldNotOpen, // reason holds the failing call and the system's error
-        NoAnswer,     // opened, but no valid answer within the budget
-    };
-
-    std::string path;
-    Outcome outcome = Outcome::NoAnswer;
-    std::string reason;
+    std::vector<std::string> ports; // explicit ports, tried first, in this order
+    bool scanForOthers = true;      // false: nothing but ports is ever opened
 };
 
-class SerialManager : public std::enable_shared_from_this<SerialManager>
+class SerialManager
 {
 public:
-    explicit SerialManager(std::weak_ptr<DeviceManager> deviceManager);
-    ~SerialManager();
+    // The delegate owns this object and outlives every scan thread (its destructor calls join()).
+    SerialManager(ScanDelegate& deviceManager, ScanOptions options = {});
+    ~SerialManager(); // stops and joins
     SerialManager(const SerialManager&) = delete;
     SerialManager& operator=(const SerialManager&) = delete;
 
-    // Starts a scan thread. The thread shares ownership of this object and of the device
-    // manager, so neither is destroyed under it; it ends by itself after stop().
+    // Starts a scan thread; it ends by itself after stop(), or after two cycles without a device.
     bool start();
     void stop();
+    // Stops and waits for every scan thread. Never called on a scan thread (from a handler of the
+    // state it posts): a thread cannot join itself.
+    void join();
     void clean();
     bool isConnected() const { return m_connected; }
     std::string getPort() const;
@@ -57,10 +57,14 @@ public:
 
     // Sends one request and waits for numResponses frames within numResponses x timeout
     // milliseconds. Returns the validated frames in arrival order, or nothing.
+    // Fails at once when the line hangs up or the manager is stopped while it waits. With
+    // received, every frame that came in answer is handed back too, valid or not, so that a
+    // caller can tell a device that answered wrongly from one that did not answer.
     std::optional<std::vector<Bytes>> sendWithResponses(char code, const std::uint8_t* content,
                                                         std::uint64_t contentLength,
                                                         std::int32_t numResponses,
-                                                        std::uint64_t timeout);
+                                                        std::chrono::milliseconds timeout,
+                                                        std::vector<Bytes>* received = nullptr);
     void sendWithoutResponse(char code, const std::uint8_t* content, std::uint64_t contentLength);
 
     void enableKeepAlive(bool enable) { m_enableKeepalive = enable; }
@@ -68,8 +72,8 @@ public:
     void eventIncomingFrame(const Notification& notification);
     void eventOutcomingFrame(const Notification& notification);
 
-    // The candidate ports: explicit ports first, as given, then every enumerated path that
-    // carries the product word.
+    // The candidate ports: explicit ports first, as given, then (when scanning for others)
+    // every enumerated path that carries the product word.
     std::vector<std::string> getPorts() const;
     bool getScanning() const { return m_scanning; }
     void setScanning(bool scanning);
@@ -81,13 +85,22 @@ public:
     std::vector<PortAttempt> getPortAttempts() const;
 
 private:
-    void threadScan();
-    // Sleeps unless stop() comes first; returns false when woken by stop().
-    bool sleepWhileRunning(std::chrono::milliseconds duration);
+    enum class Wake { Elapsed, Stopped, LineLost, PortAppeared };
+
+    void threadScan(std::stop_token stop);
+    // Waits for duration unless stop() comes first, or (with watchLine) the line hangs up, or
+    // (with a watcher) a candidate port appears that was not there when the pause began.
+    Wake pause(std::chrono::milliseconds duration, bool watchLine, PortWatcher* watcher = nullptr);
+    void kick(); // ends a pause at once, to look at the flags again
+    void onLineLost();
+    std::vector<std::string> watchedFolders() const;
     std::shared_ptr<SerialCommunication> serial() const;
     void setSerial(std::shared_ptr<SerialCommunication> serial);
     void stopSerial();
-    void recordAttempt(const std::string& path, PortAttempt::Outcome outcome, std::string reason);
+    void recordAttempt(PortAttempt attempt);
+
+    ScanDelegate& m_deviceManager;
+    const ScanOptions m_options;
 
     mutable std::mutex m_serialMutex;
     std::shared_ptr<SerialCommunication> m_serial;
@@ -103,8 +116,8 @@ private:
     std::atomic<bool> m_connected{false};
     std::atomic<bool> m_scanning{false};
     std::atomic<bool> m_inLoopScan{false};
-    std::weak_ptr<DeviceManager> m_deviceManager;
     std::atomic<bool> m_enableKeepalive{true};
+    std::atomic<bool> m_lineLost{false}; // the current channel's line hung up
 
     std::vector<NotificationCenter::Token> m_observations;
     std::mutex m_observationMutex;
@@ -112,9 +125,12 @@ private:
     mutable std::mutex m_attemptsMutex;
     std::vector<PortAttempt> m_attempts;
 
+    int m_kickFd = -1; // an eventfd: stop() and a hang-up end a pause through it
     mutable std::mutex m_sleepMutex;
     mutable std::condition_variable m_wake;
     int m_scanThreads = 0; // guarded by m_sleepMutex
+    std::mutex m_threadsMutex;
+    std::vector<std::jthread> m_threads; // last: joined before anything they use goes
 };
 
 } // namespace dravinel

@@ -1,7 +1,5 @@
 #include "serial/SerialCommunication.h"
 
-#include "protocol/DeviceProtocol.h"
-#include "protocol/Globals.h"
 #include "serial/serial.h"
 #include "support/Logger.h"
 #include "support/NotificationCenter.h"
@@ -30,16 +28,21 @@ bool lineHungUp(int fd)
 
 } // namespace
 
+SerialCommunication::SerialCommunication(Framing framing) : m_framing(std::move(framing)) {}
+
 SerialCommunication::~SerialCommunication()
 {
     stop();
-    // The reader's own reference is the last one when it ends after a stop() made on it.
-    if (m_reader.joinable()) {
-        if (m_reader.get_id() == std::this_thread::get_id())
-            m_reader.detach();
-        else
-            m_reader.join();
-    }
+}
+
+std::optional<PortError> SerialCommunication::lastError() const
+{
+    return m_lastError;
+}
+
+void SerialCommunication::setOnLineLost(std::function<void()> onLineLost)
+{
+    m_onLineLost = std::move(onLineLost);
 }
 
 void SerialCommunication::setPortName(const std::string& name)
@@ -59,17 +62,21 @@ bool SerialCommunication::start()
     const std::string name = getPortName();
     if (m_running || name.empty())
         return false;
-    const int fd = open_serial_port(name.c_str());
+    PortError error;
+    const int fd = open_serial_port(name.c_str(), &error);
     if (fd == -1) {
+        m_lastError = error;
         Logger::getInstance().logError("Device didn't open");
         return false;
     }
+    m_lastError.reset();
     port_f_desc = fd;
     m_wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     Logger::getInstance().logDebug("SerialCommunication -> Device with file desc %d is open", fd);
     m_stopped = false;
+    m_lineLost = false;
     m_running = true;
-    m_reader = std::thread([self = shared_from_this()] { self->readThread(); });
+    m_reader = std::jthread([this](std::stop_token stop) { readThread(stop); });
     return true;
 }
 
@@ -77,22 +84,15 @@ void SerialCommunication::stop()
 {
     if (!m_running.exchange(false))
         return;
-    {
-        std::lock_guard lock(m_pauseMutex);
-        m_pause.notify_all();
-    }
+    m_reader.request_stop(); // also ends the reader's rest while the line is gone
     if (m_wakeFd >= 0) {
         const std::uint64_t one = 1;
         [[maybe_unused]] const ssize_t n = write(m_wakeFd, &one, sizeof one);
     }
-    // The read watches m_running and returns within one poll period, so the reader is joined
-    // before its descriptor is closed: no read ever sees a closed or reused descriptor.
-    if (m_reader.joinable()) {
-        if (m_reader.get_id() == std::this_thread::get_id())
-            m_reader.detach();
-        else
-            m_reader.join();
-    }
+    // The reader is joined before its descriptor is closed: no read ever sees a closed or
+    // reused descriptor.
+    if (m_reader.joinable())
+        m_reader.join();
     std::lock_guard lock(m_writeMutex);
     const int fd = port_f_desc.exchange(-1);
     if (fd != -1) {
@@ -144,9 +144,22 @@ bool SerialCommunication::deviceFrameCheck()
     try {
         const int fd = port_f_desc;
         const std::string name = getPortName();
-        if (fd == -1 || !is_device_open(name.c_str()) || lineHungUp(fd))
+        if (fd == -1)
             return true;
-        if (auto frame = frameFromPiece(read_bytes_until_byte(fd, END_1, &m_running, m_wakeFd)))
+        if (!is_device_open(name.c_str()) || lineHungUp(fd)) {
+            reportLineLost();
+            return true;
+        }
+        ReadEnd end = ReadEnd::Stopped;
+        Bytes piece = read_bytes_until_byte(fd, m_framing.stopByte, &m_running, m_wakeFd, &end);
+        if (end == ReadEnd::HungUp && m_running) {
+            // A line cut by the hang-up is not a frame the device sent.
+            reportLineLost();
+            return true;
+        }
+        if (end == ReadEnd::HungUp)
+            return true;
+        if (auto frame = m_framing.frameFromPiece(std::move(piece)))
             postIncomingFrameNotification(*frame);
     } catch (const std::exception& e) {
         Logger::getInstance().logDebug("SerialCommunication deviceFrameCheck : %s", e.what());
@@ -154,12 +167,19 @@ bool SerialCommunication::deviceFrameCheck()
     return false;
 }
 
-void SerialCommunication::readThread()
+void SerialCommunication::reportLineLost()
 {
-    while (m_running) {
+    if (!m_lineLost.exchange(true) && m_onLineLost)
+        m_onLineLost();
+}
+
+void SerialCommunication::readThread(std::stop_token stop)
+{
+    while (m_running && !stop.stop_requested()) {
         if (deviceFrameCheck()) {
+            // The line is gone: rest until the owner stops the channel, instead of spinning.
             std::unique_lock lock(m_pauseMutex);
-            m_pause.wait_for(lock, kLineGonePause, [this] { return !m_running; });
+            m_pause.wait_for(lock, stop, kLineGonePause, [] { return false; });
         }
     }
     m_stopped = true;

@@ -13,6 +13,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <termios.h>
@@ -69,26 +70,34 @@ constexpr std::size_t kMaxReadBytes = 4096;
 // idle reader costs next to no CPU.
 constexpr int kReadWaitMs = 50;
 
-// The last fatal failure of open_serial_port on this thread.
-thread_local std::string tLastOpenError;
+std::mutex gSinkMutex;
+SerialMessageSink gSink;
 
-std::mutex gRegisteredMutex;
-std::vector<std::string> gRegisteredPaths;
-
-void printError(const char* format, const char* path)
+void emit(const std::string& message)
 {
-    const int err = errno;
-    std::fprintf(stderr, format, path, std::strerror(err), err);
+    std::lock_guard lock(gSinkMutex);
+    if (gSink)
+        gSink(message);
+    else
+        std::fputs(message.c_str(), stderr);
 }
 
-// Reports a failure that ends the open, and keeps it for last_open_error().
-void printOpenFailure(const char* call, const char* format, const char* path)
+// The messages are printf formats with the path, the error text and the number; a path or an
+// error text longer than the buffer is cut, never overrun.
+void printError(const char* format, const char* path, int err = errno)
+{
+    char line[1024];
+    std::snprintf(line, sizeof line, format, path, std::strerror(err), err);
+    emit(line);
+}
+
+// Reports a failure that ends the open, and hands it back as a value.
+void printOpenFailure(const char* call, const char* format, const char* path, PortError* error)
 {
     const int err = errno;
-    tLastOpenError =
-        std::string(call) + ": " + std::strerror(err) + " (" + std::to_string(err) + ")";
-    errno = err;
-    printError(format, path);
+    if (error)
+        *error = PortError{call, err, std::nullopt};
+    printError(format, path, err);
 }
 
 // Linux has no TIOCSDTR / TIOCCDTR; the modem-line bit operations do the same.
@@ -108,7 +117,7 @@ bool reportNotOpened(int fd)
 {
     if (fd >= 0)
         return false;
-    std::fputs("serial -> Device not opened\n", stderr);
+    emit("serial -> Device not opened\n");
     return true;
 }
 
@@ -157,17 +166,18 @@ std::vector<std::string> sortedEntryNames(const fs::path& dir, std::error_code& 
 }
 
 // The kernel registers the legacy 8250 ports whether or not a UART sits behind them; such a
-// placeholder reports port type 0 (unknown) and cannot be opened usefully.
+// placeholder reports port type 0 (PORT_UNKNOWN) and cannot be opened usefully. Older kernels
+// hang these ports off the serial8250 driver; current ones off serial-base (driver "port"), so
+// any port of the serial core, whose tty carries a type attribute, is judged by that type.
 bool isPlaceholderUart(const fs::path& ttyDir)
 {
     std::error_code ec;
     const fs::path driver = fs::read_symlink(ttyDir / "device" / "driver", ec);
-    if (ec || driver.filename() != "serial8250")
-        return false;
+    const bool legacy8250 = !ec && driver.filename() == "serial8250";
     std::ifstream typeFile(ttyDir / "type");
     int type = 0;
     if (!(typeFile >> type))
-        return true;
+        return legacy8250;
     return type == 0;
 }
 
@@ -185,7 +195,7 @@ int find_ports(std::vector<SerialService>& services, const SerialRoots& roots)
     std::error_code ec;
     const auto ttyNames = sortedEntryNames(roots.sysClassTty, ec);
     if (ec) {
-        std::printf("IOServiceGetMatchingServices returned %d\n", ec.value());
+        emit("IOServiceGetMatchingServices returned " + std::to_string(ec.value()) + "\n");
         return ec.value();
     }
     for (const auto& name : ttyNames) {
@@ -209,7 +219,7 @@ std::vector<std::string> get_port_paths(const SerialRoots& roots)
     int status = 5;
     status = find_ports(services, roots);
     if (status != 0) {
-        std::fputs("Couldn't find ports\n", stderr);
+        emit("Couldn't find ports\n");
         return paths;
     }
 
@@ -229,50 +239,45 @@ std::vector<std::string> get_port_paths(const SerialRoots& roots)
     return paths;
 }
 
-void register_port_path(const std::string& path)
+void set_serial_message_sink(SerialMessageSink sink)
 {
-    std::lock_guard lock(gRegisteredMutex);
-    if (std::find(gRegisteredPaths.begin(), gRegisteredPaths.end(), path) == gRegisteredPaths.end())
-        gRegisteredPaths.push_back(path);
+    std::lock_guard lock(gSinkMutex);
+    gSink = std::move(sink);
 }
 
-void unregister_port_path(const std::string& path)
-{
-    std::lock_guard lock(gRegisteredMutex);
-    std::erase(gRegisteredPaths, path);
-}
-
-std::vector<std::string> registered_port_paths()
-{
-    std::lock_guard lock(gRegisteredMutex);
-    return gRegisteredPaths;
-}
-
-std::string last_open_error()
-{
-    return tLastOpenError;
-}
-
-int open_serial_port(const char* path)
+int open_serial_port(const char* path, PortError* error)
 {
     // O_NONBLOCK keeps the open from waiting for carrier; it is deliberately never cleared, so
-    // every read returns at once and the reader decides itself how to wait.
-    tLastOpenError.clear();
-    int fd = open(path, O_RDWR | O_NOCTTY | O_NONBLOCK);
+    // every read returns at once and the reader decides itself how to wait. O_CLOEXEC keeps a
+    // started program from inheriting the port and with it our lock.
+    int fd = open(path, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (fd == -1) {
-        printOpenFailure("open", "Error opening serial port %s - %s(%d).\n", path);
+        printOpenFailure("open", "Error opening serial port %s - %s(%d).\n", path, error);
+        if (error && error->error == EBUSY)
+            error->holder = find_port_holder(path);
         return -1;
     }
 
-    // No other process may open the port while we talk to the device.
+    // The lock keeps every other program off the port, root's too; it comes first, so that a
+    // refused open leaves the holder's exclusive flag alone.
+    if (flock(fd, LOCK_EX | LOCK_NB) == -1) {
+        printOpenFailure("flock", "Error locking serial port %s - %s(%d).\n", path, error);
+        if (error)
+            error->holder = find_port_holder(path);
+        close(fd);
+        return -1;
+    }
+    // No other user may even open the port while we talk to the device (root ignores this).
     if (ioctl(fd, TIOCEXCL) == -1) {
-        printOpenFailure("ioctl(TIOCEXCL)", "Error setting TIOCEXCL on %s - %s(%d).\n", path);
+        printOpenFailure("ioctl(TIOCEXCL)", "Error setting TIOCEXCL on %s - %s(%d).\n", path,
+                         error);
         close(fd);
         return -1;
     }
 
     if (tcgetattr(fd, &gOriginalTTYAttrs) == -1) {
-        printOpenFailure("tcgetattr", "Error getting tty attributes %s - %s(%d).\n", path);
+        printOpenFailure("tcgetattr", "Error getting tty attributes %s - %s(%d).\n", path, error);
+        ioctl(fd, TIOCNXCL);
         close(fd);
         return -1;
     }
@@ -287,7 +292,8 @@ int open_serial_port(const char* path)
     options.c_cflag &= ~static_cast<tcflag_t>(CRTSCTS);
     options.c_cflag &= ~static_cast<tcflag_t>(PARENB);
     if (tcsetattr(fd, TCSANOW, &options) == -1) {
-        printOpenFailure("tcsetattr", "Error setting tty attributes %s - %s(%d).\n", path);
+        printOpenFailure("tcsetattr", "Error setting tty attributes %s - %s(%d).\n", path, error);
+        ioctl(fd, TIOCNXCL);
         close(fd);
         return -1;
     }
@@ -304,6 +310,10 @@ int open_serial_port(const char* path)
     if (ioctl(fd, TIOCMGET, &handshake) == -1)
         printError("Error getting handshake lines %s - %s(%d).\n", path);
 
+    // Bytes that waited before the open (an earlier session's late answer, line noise) would be
+    // taken for the answer to the first request and shift every later answer by one.
+    tcflush(fd, TCIFLUSH);
+
     running = 1;
     return fd;
 }
@@ -312,14 +322,22 @@ int close_serial_port(int fd)
 {
     // First, so that a reader waiting on another thread gives up.
     running = 0;
+    char line[256];
     if (tcdrain(fd) == -1) {
         const int err = errno;
-        std::fprintf(stderr, "Error waiting for drain - %s(%d).\n", std::strerror(err), err);
+        std::snprintf(line, sizeof line, "Error waiting for drain - %s(%d).\n", std::strerror(err),
+                      err);
+        emit(line);
     }
     if (tcsetattr(fd, TCSANOW, &gOriginalTTYAttrs) == -1) {
         const int err = errno;
-        std::fprintf(stderr, "Error resetting tty attributes - %s(%d).\n", std::strerror(err), err);
+        std::snprintf(line, sizeof line, "Error resetting tty attributes - %s(%d).\n",
+                      std::strerror(err), err);
+        emit(line);
     }
+    // The exclusive flag outlives the descriptor on a tty that stays open at its other end (a
+    // pty, or a port another program holds): left set, it would refuse our own next open.
+    ioctl(fd, TIOCNXCL);
     {
         // The cleared flag ends every read within one wait period.
         std::unique_lock lock(gReadersMutex);
@@ -347,9 +365,12 @@ Bytes read_byte(int fd)
 }
 
 Bytes read_bytes_until_byte(int fd, std::uint8_t stopByte, const std::atomic<bool>* keepReading,
-                            int wakeFd)
+                            int wakeFd, ReadEnd* end)
 {
     Bytes bytes;
+    ReadEnd ignored = ReadEnd::Stopped;
+    ReadEnd& why = end ? *end : ignored;
+    why = ReadEnd::Stopped;
     if (fd < 0)
         return bytes;
     const ActiveRead active;
@@ -364,28 +385,41 @@ Bytes read_bytes_until_byte(int fd, std::uint8_t stopByte, const std::atomic<boo
         std::uint8_t scratch = 0;
         const ssize_t n = read(fd, &scratch, 1);
         if (n == 1) {
-            if (scratch == stopByte)
+            if (scratch == stopByte) {
+                why = ReadEnd::StopByte;
                 break;
+            }
             bytes.push_back(scratch);
-            if (bytes.size() >= kMaxReadBytes)
+            if (bytes.size() >= kMaxReadBytes) {
+                why = ReadEnd::Full;
                 break;
+            }
             continue;
         }
-        if (n == 0)
-            break; // The other end hung up.
+        if (n == 0) {
+            why = ReadEnd::HungUp; // the other end hung up
+            break;
+        }
         if (errno == EINTR)
             continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK)
-            break; // EIO from a pulled adapter or a closed pty master; EBADF after a close.
+        if (errno != EAGAIN && errno != EWOULDBLOCK) {
+            // EIO from a pulled adapter or a closed pty master; EBADF after a close.
+            why = ReadEnd::HungUp;
+            break;
+        }
 
         // Nothing waiting: sleep on the descriptor instead of spinning on it.
         pollfd fds[2] = {{fd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
         const int ready = poll(fds, wakeFd >= 0 ? 2 : 1, kReadWaitMs);
-        if (ready < 0 && errno != EINTR)
+        if (ready < 0 && errno != EINTR) {
+            why = ReadEnd::HungUp;
             break;
+        }
         if (ready > 0 && (fds[0].revents & POLLIN) == 0 &&
-            (fds[0].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0)
+            (fds[0].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
+            why = ReadEnd::HungUp;
             break;
+        }
         if (wakeFd >= 0 && (fds[1].revents & POLLIN) != 0)
             break; // The owner wants the read to end now.
     } while (mayGoOn());
@@ -441,12 +475,17 @@ bool set_dtr(int fd, bool on)
     if (reportNotOpened(fd))
         return false;
     int status = 0;
+    char line[64];
     ioctl(fd, TIOCMGET, &status);
-    std::fprintf(stderr, "set_dtr -> Before: flags are %03x.\n", static_cast<unsigned>(status));
+    std::snprintf(line, sizeof line, "set_dtr -> Before: flags are %03x.\n",
+                  static_cast<unsigned>(status));
+    emit(line);
     if ((on ? assertDtr(fd) : clearDtr(fd)) == -1)
-        std::fputs("set_dtr -> Setting the dtr failed somehow\n", stderr);
+        emit("set_dtr -> Setting the dtr failed somehow\n");
     ioctl(fd, TIOCMGET, &status);
-    std::fprintf(stderr, "set_dtr -> After: flags are %03x.\n", static_cast<unsigned>(status));
+    std::snprintf(line, sizeof line, "set_dtr -> After: flags are %03x.\n",
+                  static_cast<unsigned>(status));
+    emit(line);
     return true;
 }
 

@@ -1,17 +1,20 @@
 #pragma once
 
+#include "serial/PortError.h"
 #include "support/Bytes.h"
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 // Everything the program does with the operating system's serial devices: finding them, opening
 // one raw at 115200 baud 8N1, restoring it on close, writing a frame, reading up to a stop byte
-// and the modem lines. Failures are reported on standard error (naming the call, the path, the
-// error text and number) and by the return value; nothing throws.
+// and the modem lines. Failures are reported by the return value and by one message (naming the
+// call, the path, the error text and number) to the module's message sink, standard error unless
+// a front end puts its own; nothing throws.
 
 namespace dravinel {
 
@@ -38,28 +41,36 @@ int find_ports(std::vector<SerialService>& services, const SerialRoots& roots = 
 // The callout device paths, no path twice; empty (not an error) when there is none.
 std::vector<std::string> get_port_paths(const SerialRoots& roots = {});
 
-// Explicit ports (chosen by the user, or a simulated device), kept apart from the enumeration.
-void register_port_path(const std::string& path);
-void unregister_port_path(const std::string& path);
-std::vector<std::string> registered_port_paths();
+// Where the module's messages go. Each message is one whole line, newline included. An empty
+// function restores the default, standard error.
+using SerialMessageSink = std::function<void(const std::string& message)>;
+void set_serial_message_sink(SerialMessageSink sink);
 
-int open_serial_port(const char* path);
-// Why the calling thread's last open_serial_port failed, as "call: error text (number)", e.g.
-// "open: Permission denied (13)"; empty after a successful open. Kept per thread, so a scan
-// thread reads its own failure and not one of another thread.
-std::string last_open_error();
-// Ends the reads in progress (they stop within one wait of at most 50 ms) before the descriptor
-// is closed, with the settings found at open put back.
+// Opens the port for this process alone (TIOCEXCL against other users, an flock against other
+// programs of any user, root included) and sets it up raw at 115200 8N1 with stale input
+// flushed. Returns the descriptor, or -1 with the failure in *error when given.
+int open_serial_port(const char* path, PortError* error = nullptr);
+// Ends the reads in progress (they stop within one wait of at most 50 ms), puts back the
+// settings found at open and gives up exclusive use, then closes the descriptor.
 int close_serial_port(int fd);
 bool send_frame(int fd, const Bytes& frame);
 Bytes read_byte(int fd);
 
+// Why read_bytes_until_byte returned.
+enum class ReadEnd {
+    StopByte, // the stop byte arrived
+    Full,     // 4096 bytes without the stop byte
+    Stopped,  // the module's running flag or keepReading cleared, or wakeFd readable
+    HungUp,   // the line is gone: end of file, EIO, POLLHUP or a closed descriptor
+};
+
 // Reads up to (not including) stopByte. Besides the module's own running flag, the read also
 // ends when keepReading (if given) turns false, so an owner can end it without closing the port.
-// It waits with poll(2), never spins, gathers at most 4096 bytes and ends on hang-up or EIO.
-// A readable wakeFd (if given) ends the read at once, so that an owner need not wait out a poll.
+// It waits with poll(2), never spins, and gathers at most 4096 bytes. A readable wakeFd (if
+// given) ends the read at once, so that an owner need not wait out a poll.
 Bytes read_bytes_until_byte(int fd, std::uint8_t stopByte,
-                            const std::atomic<bool>* keepReading = nullptr, int wakeFd = -1);
+                            const std::atomic<bool>* keepReading = nullptr, int wakeFd = -1,
+                            ReadEnd* end = nullptr);
 
 int get_rts(int fd);
 bool set_rts(int fd, bool on);

@@ -11,69 +11,52 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
-// Shared by the integration tests: a simulated device on a real pty, registered as an explicit
-// port, and recorders for notifications and log lines.
+// Shared by the integration tests: a simulated device on a real pty, named to the engine as its
+// only port, and recorders for notifications and log lines.
 
 namespace dravinel::testing {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-// Records every posting of one notification name, with its integer or text value and time.
-class Recorder
+constexpr std::int64_t state(ConnectionState s)
+{
+    return static_cast<std::int64_t>(s);
+}
+
+// Collects items posted from any thread and lets the test wait for one.
+template <typename T>
+class Collector
 {
 public:
-    struct Entry
-    {
-        std::int64_t value = 0;
-        std::string text;
-        Clock::time_point at;
-    };
-
-    Recorder(const char* name, const char* key) : m_key(key)
-    {
-        m_token = NotificationCenter::defaultCenter().observe(name, [this](const Notification& n) {
-            Entry e;
-            e.value = n.integer(m_key).value_or(-1000);
-            e.text = n.text(m_key).value_or("");
-            e.at = Clock::now();
-            std::lock_guard lock(m_mutex);
-            m_entries.push_back(std::move(e));
-            m_changed.notify_all();
-        });
-    }
-    ~Recorder() { NotificationCenter::defaultCenter().remove(m_token); }
-
-    std::vector<Entry> entries() const
+    void add(T item)
     {
         std::lock_guard lock(m_mutex);
-        return m_entries;
+        m_items.push_back(std::move(item));
+        m_added.notify_all();
     }
-    std::vector<std::int64_t> values() const
+    std::vector<T> items() const
     {
-        std::vector<std::int64_t> out;
-        for (const auto& e : entries())
-            out.push_back(e.value);
-        return out;
+        std::lock_guard lock(m_mutex);
+        return m_items;
     }
-    // Waits until value was recorded (at or after index from); returns its entry index.
-    std::optional<std::size_t> waitFor(std::int64_t value, std::chrono::milliseconds timeout,
-                                       std::size_t from = 0) const
+    // The index of the first item from index from on that matches, once there is one.
+    std::optional<std::size_t> waitFor(const std::function<bool(const T&)>& match,
+                                       std::chrono::milliseconds timeout, std::size_t from = 0) const
     {
         std::unique_lock lock(m_mutex);
         std::optional<std::size_t> hit;
-        m_changed.wait_for(lock, timeout, [&] {
-            for (std::size_t i = from; i < m_entries.size(); ++i)
-                if (m_entries[i].value == value) {
-                    hit = i;
-                    return true;
-                }
+        m_added.wait_for(lock, timeout, [&] {
+            for (std::size_t i = from; i < m_items.size(); ++i)
+                if (match(m_items[i]))
+                    return (hit = i).has_value();
             return false;
         });
         return hit;
@@ -81,71 +64,87 @@ public:
     bool waitForCount(std::size_t count, std::chrono::milliseconds timeout) const
     {
         std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, timeout, [&] { return m_entries.size() >= count; });
+        return m_added.wait_for(lock, timeout, [&] { return m_items.size() >= count; });
     }
+    std::size_t size() const { return items().size(); }
     void clear()
     {
         std::lock_guard lock(m_mutex);
-        m_entries.clear();
+        m_items.clear();
     }
 
 private:
-    std::string m_key;
-    NotificationCenter::Token m_token = 0;
     mutable std::mutex m_mutex;
-    mutable std::condition_variable m_changed;
-    std::vector<Entry> m_entries;
+    mutable std::condition_variable m_added;
+    std::vector<T> m_items;
 };
 
-// Collects the log lines while it lives.
-class LogCapture
+// Every posting of one notification: its integer value and when it came.
+struct Posted
+{
+    std::int64_t value = 0;
+    std::string text;
+    Clock::time_point at;
+};
+
+class Recorder : public Collector<Posted>
+{
+public:
+    Recorder(const char* name, const char* key)
+    {
+        m_token = NotificationCenter::defaultCenter().observe(name, [this, key](const Notification& n) {
+            add({n.integer(key).value_or(-1000), n.text(key).value_or(""), Clock::now()});
+        });
+    }
+    ~Recorder() { NotificationCenter::defaultCenter().remove(m_token); }
+    std::optional<std::size_t> waitFor(std::int64_t value, std::chrono::milliseconds timeout,
+                                       std::size_t from = 0) const
+    {
+        return Collector::waitFor([value](const Posted& p) { return p.value == value; }, timeout,
+                                  from);
+    }
+    std::vector<std::int64_t> values() const
+    {
+        std::vector<std::int64_t> out;
+        for (const auto& p : items())
+            out.push_back(p.value);
+        return out;
+    }
+
+private:
+    NotificationCenter::Token m_token = 0;
+};
+
+// The log lines written while it lives.
+class LogCapture : public Collector<std::string>
 {
 public:
     LogCapture()
     {
-        Logger::getInstance().setSink([this](const std::string& line) {
-            std::lock_guard lock(m_mutex);
-            m_lines.push_back(line);
-            m_added.notify_all();
-        });
+        Logger::getInstance().setSink([this](const std::string& line) { add(line); });
     }
     ~LogCapture() { Logger::getInstance().setSink({}); }
-
-    bool contains(const std::string& text) const
-    {
-        std::lock_guard lock(m_mutex);
-        return containsLocked(text);
-    }
-    bool waitFor(const std::string& text, std::chrono::milliseconds timeout) const
-    {
-        std::unique_lock lock(m_mutex);
-        return m_added.wait_for(lock, timeout, [&] { return containsLocked(text); });
-    }
     std::size_t count(const std::string& text) const
     {
-        std::lock_guard lock(m_mutex);
-        return static_cast<std::size_t>(
-            std::count_if(m_lines.begin(), m_lines.end(), [&](const std::string& line) {
-                return line.find(text) != std::string::npos;
-            }));
+        const auto lines = items();
+        return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&](auto& l) {
+            return l.find(text) != std::string::npos;
+        }));
     }
-    void clear()
+    bool contains(const std::string& text) const { return count(text) > 0; }
+    // Waits until text stands in at least times lines.
+    bool waitFor(const std::string& text, std::chrono::milliseconds timeout, std::size_t times = 1) const
     {
-        std::lock_guard lock(m_mutex);
-        m_lines.clear();
+        const auto match = [&](const std::string& l) { return l.find(text) != std::string::npos; };
+        std::size_t from = 0;
+        for (std::size_t i = 0; i < times; ++i) {
+            const auto hit = Collector::waitFor(match, timeout, from);
+            if (!hit)
+                return false;
+            from = *hit + 1;
+        }
+        return true;
     }
-
-private:
-    bool containsLocked(const std::string& text) const
-    {
-        return std::any_of(m_lines.begin(), m_lines.end(), [&](const std::string& line) {
-            return line.find(text) != std::string::npos;
-        });
-    }
-
-    mutable std::mutex m_mutex;
-    mutable std::condition_variable m_added;
-    std::vector<std::string> m_lines;
 };
 
 class EngineTest : public ::testing::Test
@@ -159,33 +158,33 @@ protected:
         return options;
     }
 
+    void SetUp() override
+    {
+        // The modem-line calls a pty refuses are reported on every open.
+        set_serial_message_sink([](const std::string&) {});
+    }
+
     void startSimulator(sim::DeviceSimulator::Options options = fastOptions())
     {
         m_sim = std::make_unique<sim::DeviceSimulator>(options);
         ASSERT_TRUE(m_sim->start());
-        register_port_path(m_sim->portPath());
     }
 
-    // Starts a device manager and waits for the connected state.
-    void connect()
+    // Starts a device manager on the simulator's port alone and waits for the connection.
+    void connect(std::vector<std::string> before = {})
     {
         if (!m_sim)
             startSimulator();
-        m_manager = DeviceManager::create();
-        ASSERT_TRUE(m_states.waitFor(Connected, 5s)) << "no connection to the simulator";
+        before.push_back(m_sim->portPath());
+        m_manager = DeviceManager::create({before, false});
+        ASSERT_TRUE(m_states.waitFor(state(ConnectionState::Connected), 8s)) << "no connection";
     }
 
     void TearDown() override
     {
-        if (m_manager) {
-            m_manager->stop();
-            EXPECT_TRUE(m_manager->waitUntilStopped(5s)) << "scan thread did not end";
-            m_manager.reset();
-        }
-        if (m_sim) {
-            unregister_port_path(m_sim->portPath());
-            m_sim.reset();
-        }
+        m_manager.reset(); // stops and joins its scan
+        m_sim.reset();
+        set_serial_message_sink({});
     }
 
     LogCapture m_log;

@@ -116,16 +116,15 @@ void AppTest::initTestCase()
 void AppTest::cleanup()
 {
     m_delegate.reset();
-    if (m_sim) {
-        unregister_port_path(m_sim->portPath());
-        m_sim.reset();
-    }
+    m_sim.reset();
 }
 
 void AppTest::launch()
 {
     m_delegate = std::make_unique<AppDelegate>();
     m_delegate->applicationDidFinishLaunching();
+    if (m_sim)
+        m_delegate->masterViewController()->setDeviceOptions({{m_sim->portPath()}, false});
     m_delegate->window()->show();
     QTRY_VERIFY(welcome() && welcome()->isVisible());
 }
@@ -140,7 +139,8 @@ void AppTest::startSimulator(sim::SimSettings settings)
     QVERIFY(m_sim->start());
     m_sim->setSettings(settings);
     m_sim->setBatteryRaw(1332);
-    register_port_path(m_sim->portPath());
+    if (m_delegate)
+        m_delegate->masterViewController()->setDeviceOptions({{m_sim->portPath()}, false});
 }
 
 void AppTest::openFromWelcome()

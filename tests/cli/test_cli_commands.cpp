@@ -296,44 +296,5 @@ TEST_F(CliTest, PortsAndSaveExit)
     expectOutput(onDevice({"--json", "save-exit"}), "{\"sent\": \"save-exit\"}\n");
 }
 
-TEST_F(CliTest, WithNoDeviceEveryPortTriedIsListedWithItsReason)
-{
-    const std::string plainFile = writeFile("not-a-tty", "x");
-    const std::string missing = file("absent");
-    m_sim->setMute(true);
-    register_port_path(plainFile);
-    register_port_path(m_sim->portPath());
-    const auto run = cli({"--port", missing, "get"});
-    unregister_port_path(plainFile);
-    unregister_port_path(m_sim->portPath());
-    EXPECT_EQ(run.code, 3);
-    EXPECT_EQ(run.out, "");
-    // In the order tried, the registered ports before the one of --port, in aligned columns.
-    const std::size_t width =
-        std::max({plainFile.size(), m_sim->portPath().size(), missing.size()});
-    const auto row = [&](const std::string& path, const std::string& reason) {
-        return "  " + path + std::string(width - path.size() + 2, ' ') + reason;
-    };
-    EXPECT_EQ(lines(run.err),
-              (std::vector<std::string>{
-                  "dravinel-cli: no device found; ports tried:",
-                  row(plainFile,
-                      "could not be opened: ioctl(TIOCEXCL): Inappropriate ioctl for device (25)"),
-                  row(m_sim->portPath(), "opened, but no answer to the revision request"),
-                  row(missing, "not found (open: No such file or directory (2))")}));
-}
-
-TEST_F(CliTest, AnOpenErrorIsKeptForTheThreadThatTried)
-{
-    // The open error belongs to the thread that tried, and a later success clears it.
-    EXPECT_EQ(open_serial_port("/nonexistent/port"), -1);
-    EXPECT_EQ(last_open_error(), "open: No such file or directory (2)");
-    std::thread([] { EXPECT_EQ(last_open_error(), ""); }).join();
-    const int fd = open_serial_port(m_sim->slavePath().c_str());
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(last_open_error(), "");
-    close_serial_port(fd);
-}
-
 } // namespace
 } // namespace dravinel::cli

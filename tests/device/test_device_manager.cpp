@@ -2,245 +2,273 @@
 
 #include "device/SettingsData.h"
 #include "protocol/Globals.h"
-#include "protocol/SerialManager.h"
 
+#include <filesystem>
+#include <future>
 #include <thread>
 
 namespace dravinel::testing {
 namespace {
 
-Bytes frame(const std::string& text)
+constexpr auto kScanning = state(ConnectionState::Scanning);
+constexpr auto kConnected = state(ConnectionState::Connected);
+
+std::vector<Bytes> frames(std::initializer_list<const char*> lines)
 {
-    return toBytes(text + "\n\r");
+    std::vector<Bytes> out;
+    for (const char* line : lines)
+        out.push_back(toBytes(std::string(line) + "\n\r"));
+    return out;
 }
 
-std::string lastRequest(const sim::DeviceSimulator& sim, char code)
+SettingsData asRecord(const sim::SimSettings& s)
 {
-    auto requests = sim.requests();
-    for (auto it = requests.rbegin(); it != requests.rend(); ++it)
-        if (it->code == code)
-            return std::string(1, code) + it->content;
-    return {};
+    return SettingsData(s.currentLimit, s.minIRDetection, s.positiveRotation, s.negativeRotation,
+                        s.motorSpeed, s.cycleTimeoutMins);
 }
 
 TEST(SettingsDataTest, BuildsFromAnswersInAnyOrderAndRejectsIncompleteSets)
 {
-    std::vector<Bytes> answers = {frame("t,90"), frame("s,200"), frame("c,120"),
-                                  frame("l,35"), frame("i,300"), frame("r,40")};
-    auto settings = SettingsData::createFromResults(answers);
-    ASSERT_TRUE(settings);
-    EXPECT_EQ(*settings, SettingsData(120, 300, 40, 35, 200, 90));
+    auto answers = frames({"t,90", "s,200", "c,120", "l,35", "i,300", "r,40"});
+    EXPECT_EQ(SettingsData::createFromResults(answers), SettingsData(120, 300, 40, 35, 200, 90));
     EXPECT_TRUE(answers.empty());
-
-    // Leading blank with trailing text, the low 16 bits, minus one, and a later answer winning.
-    std::vector<Bytes> quirks = {frame("c,1"),   frame("c, 42abc"), frame("i,70000"),
-                                 frame("r,-1"),  frame("l,0"),      frame("s,7"),
-                                 frame("x,999"), frame("t,65535")};
-    settings = SettingsData::createFromResults(quirks);
-    ASSERT_TRUE(settings);
-    EXPECT_EQ(*settings, SettingsData(42, 4464, 65535, 0, 7, 65535));
-
-    std::vector<Bytes> fiveOnly = {frame("c,1"), frame("i,2"), frame("r,3"), frame("l,4"),
-                                   frame("s,5")};
-    EXPECT_FALSE(SettingsData::createFromResults(fiveOnly));
-    std::vector<Bytes> lettersOnly = {frame("c,1"), frame("i,2"), frame("r,3"),
-                                      frame("l,4"), frame("s,5"), frame("t,abc")};
-    EXPECT_FALSE(SettingsData::createFromResults(lettersOnly));
-    std::vector<Bytes> noContent = {frame("c,1"), frame("i,2"), frame("r,3"),
-                                    frame("l,4"), frame("s,5"), frame("t,")};
-    EXPECT_FALSE(SettingsData::createFromResults(noContent));
+    // A leading blank with trailing text, the low 16 bits, minus one, a later answer winning.
+    answers = frames({"c,1", "c, 42abc", "i,70000", "r,-1", "l,0", "s,7", "x,999", "t,65535"});
+    EXPECT_EQ(SettingsData::createFromResults(answers), SettingsData(42, 4464, 65535, 0, 7, 65535));
+    for (const char* last : {"s,6", "t,abc", "t,"}) {
+        answers = frames({"c,1", "i,2", "r,3", "l,4", "s,5", last});
+        EXPECT_FALSE(SettingsData::createFromResults(answers)) << last;
+    }
+    SettingsData data;
+    for (const auto& info : kSettings)
+        data.set(info.id, static_cast<std::uint16_t>(settingIndex(info.id) + 1));
+    EXPECT_EQ(data, SettingsData(1, 2, 3, 4, 5, 6));
 }
 
-TEST_F(EngineTest, ConnectsReadsRevisionAndSettings)
+TEST_F(EngineTest, ConnectsReadsRevisionAndSettingsAndWritesEachSettingWithItsEcho)
 {
     Recorder revisions(ReadRevisionEvent, "rev");
     startSimulator();
     m_sim->setSettings({111, 222, 333, 444, 555, 666});
     connect();
-
-    ASSERT_TRUE(revisions.waitForCount(1, 1s));
-    EXPECT_EQ(revisions.entries().front().text, "2.1");
-    EXPECT_EQ(m_manager->getRevision(), "2.1");
-    EXPECT_EQ(m_states.values(), (std::vector<std::int64_t>{Scanning, Connected}));
-
-    auto settings = m_manager->readSettings();
-    ASSERT_TRUE(settings);
-    EXPECT_EQ(*settings, SettingsData(111, 222, 333, 444, 555, 666));
-
-    m_sim->setSettingsOrder("tslric");
-    settings = m_manager->readSettings();
-    ASSERT_TRUE(settings);
-    EXPECT_EQ(*settings, SettingsData(111, 222, 333, 444, 555, 666));
-
-    // Six answers, one setting twice and another missing: the read fails with its message.
-    m_sim->setSettingsOrder("cirlss");
-    EXPECT_FALSE(m_manager->readSettings());
-    EXPECT_TRUE(m_log.contains("DeviceManager readSettings: Invalid results received"));
-}
-
-TEST_F(EngineTest, WritesEachSettingAndChecksTheEcho)
-{
-    connect();
     m_manager->enableKeepaliveCheck(false);
+    ASSERT_EQ(revisions.size(), 1u);
+    EXPECT_EQ(revisions.items()[0].text, "2.1");
+    EXPECT_EQ(m_manager->getRevision(), "2.1");
+    EXPECT_EQ(m_states.values(), (std::vector<std::int64_t>{kScanning, kConnected}));
+    m_sim->setSettingsOrder("tslric");
+    EXPECT_EQ(m_manager->readSettings(), SettingsData(111, 222, 333, 444, 555, 666));
+    // One setting twice and another missing: no settings, and what came is handed back.
+    m_sim->setSettingsOrder("cirlss");
+    std::vector<std::string> answers;
+    EXPECT_FALSE(m_manager->readSettings(&answers));
+    EXPECT_TRUE(m_log.contains("DeviceManager readSettings: Invalid results received"));
+    EXPECT_EQ(answers.size(), 6u);
+    EXPECT_EQ(answers.back(), "s,555");
 
-    EXPECT_TRUE(m_manager->saveCurrentLimit(120));
-    EXPECT_EQ(lastRequest(*m_sim, 'C'), "C120");
-    EXPECT_TRUE(m_manager->saveIR(0));
-    EXPECT_EQ(lastRequest(*m_sim, 'I'), "I0");
-    EXPECT_TRUE(m_manager->savePositiveRotation(65535));
-    EXPECT_EQ(lastRequest(*m_sim, 'R'), "R65535");
-    EXPECT_TRUE(m_manager->saveNegativeRotation(7));
-    EXPECT_EQ(lastRequest(*m_sim, 'L'), "L7");
-    EXPECT_TRUE(m_manager->saveMotorSpeed(250));
-    EXPECT_EQ(lastRequest(*m_sim, 'S'), "S250");
-    EXPECT_TRUE(m_manager->saveCycleTimeout(135));
-    EXPECT_EQ(lastRequest(*m_sim, 'T'), "T135");
-    EXPECT_TRUE(m_log.contains("DeviceManager SaveCycleTimeout: Success"));
+    const std::uint16_t values[] = {120, 0, 65535, 7, 250, 135};
+    for (const auto& info : kSettings) {
+        const auto value = values[settingIndex(info.id)];
+        const WriteResult result = m_manager->save(info.id, value);
+        EXPECT_TRUE(result.confirmed) << info.cliName;
+        EXPECT_EQ(result.answer, std::string(1, info.response) + "," + std::to_string(value));
+        const auto requests = m_sim->requests();
+        EXPECT_EQ(std::string(1, requests.back().code) + requests.back().content,
+                  std::string(1, info.request) + std::to_string(value));
+        EXPECT_TRUE(m_log.contains(std::string(info.logPrefix) + ": Success"));
+    }
+    EXPECT_EQ(asRecord(m_sim->settings()), SettingsData(120, 0, 65535, 7, 250, 135));
 
-    const auto stored = m_sim->settings();
-    EXPECT_EQ(stored.currentLimit, 120);
-    EXPECT_EQ(stored.minIRDetection, 0);
-    EXPECT_EQ(stored.positiveRotation, 65535);
-    EXPECT_EQ(stored.negativeRotation, 7);
-    EXPECT_EQ(stored.motorSpeed, 250);
-    EXPECT_EQ(stored.cycleTimeoutMins, 135);
-
-    // Echoes that pass: a leading zero, trailing letters, 65536 more than the value.
-    m_sim->setAnswerOverride('C', "c,0120");
-    EXPECT_TRUE(m_manager->saveCurrentLimit(120));
-    m_sim->setAnswerOverride('C', "c,120xyz");
-    EXPECT_TRUE(m_manager->saveCurrentLimit(120));
-    m_sim->setAnswerOverride('C', "c,65656");
-    EXPECT_TRUE(m_manager->saveCurrentLimit(120));
-
-    // Echoes that fail, each with its message.
-    m_sim->setAnswerOverride('S', "s,121");
-    EXPECT_FALSE(m_manager->saveMotorSpeed(120));
-    EXPECT_TRUE(m_log.contains("DeviceManager SaveMotorSpeed: Did not return saved value"));
-    m_sim->setAnswerOverride('L', "l,abc");
-    EXPECT_FALSE(m_manager->saveNegativeRotation(1));
-    EXPECT_TRUE(m_log.contains("DeviceManager SaveNegativeRotation: Non numeric response content"));
-    // Another answer code: the transaction accepts it, the command does not. A byte that opens
-    // no response at all never gets past the transaction.
-    m_sim->setAnswerOverride('I', "c,5");
-    EXPECT_FALSE(m_manager->saveIR(5));
-    EXPECT_TRUE(m_log.contains("DeviceManager SaveIR: Invalid response"));
-    m_log.clear();
-    m_sim->setAnswerOverride('I', "x,5");
-    EXPECT_FALSE(m_manager->saveIR(5));
-    EXPECT_TRUE(m_log.contains("SerialManager sendWithResponses : Invalid frame received"));
-    EXPECT_FALSE(m_log.contains("DeviceManager SaveIR"));
-    m_sim->setAnswerOverride('R', "r,");
-    EXPECT_FALSE(m_manager->savePositiveRotation(5));
-    EXPECT_TRUE(m_log.contains("DeviceManager SavePositiveRotation: No response content"));
-
-    m_sim->clearAnswerOverrides();
+    // Echoes that pass (a leading zero, trailing letters, 65536 more) and that fail.
+    const std::tuple<char, const char*, bool, const char*> echoes[] = {
+        {'C', "c,0120", true, nullptr}, {'C', "c,120xyz", true, nullptr}, {'C', "c,65656", true, nullptr},
+        {'C', "c,121", false, "DeviceManager SaveCurrentLimit: Did not return saved value"},
+        {'C', "c,abc", false, "DeviceManager SaveCurrentLimit: Non numeric response content"},
+        {'C', "i,120", false, "DeviceManager SaveCurrentLimit: Invalid response"},
+        {'C', "c,", false, "DeviceManager SaveCurrentLimit: No response content"},
+        {'C', "x,120", false, "SerialManager sendWithResponses : Invalid frame received"}};
+    for (const auto& [code, line, confirmed, message] : echoes) {
+        m_sim->setAnswerOverride(code, line);
+        m_log.clear();
+        const WriteResult result = m_manager->saveCurrentLimit(120);
+        EXPECT_EQ(result.confirmed, confirmed) << line;
+        EXPECT_EQ(result.answer, line) << "the answer is handed back as it came";
+        if (message)
+            EXPECT_TRUE(m_log.contains(message)) << message;
+    }
+    m_sim->setMute(true);
+    EXPECT_EQ(m_manager->saveIR(5).answer, std::nullopt);
+    m_sim->setMute(false);
     EXPECT_TRUE(m_manager->saveAndExit());
     ASSERT_TRUE(m_sim->waitForRequests('Z', 1, 1s));
     EXPECT_TRUE(m_sim->savedAndExited());
 }
 
-TEST_F(EngineTest, SensorReadsPostTheirValuesAndReportBadAnswers)
+TEST_F(EngineTest, SensorReadsAndTheMotorTestPostTheirValuesAndReportBadAnswers)
 {
-    Recorder battery(ReadVBattEvent, "vbatt");
-    Recorder reed(MonitorReedSensorEvent, "value");
-    Recorder ir(MonitorIREvent, "value");
+    Recorder battery(ReadVBattEvent, "vbatt"), reed(MonitorReedSensorEvent, "value"),
+        ir(MonitorIREvent, "value"), current(MonitorMotorEvent, "value"), done(MonitorMotorDoneEvent, "value");
     connect();
     m_manager->enableKeepaliveCheck(false);
     m_sim->setBatteryRaw(1332);
     battery.clear();
-
     EXPECT_EQ(m_manager->readVBatt(), 1332);
     EXPECT_EQ(battery.values(), std::vector<std::int64_t>{1332});
-    EXPECT_TRUE(m_log.contains("DeviceManager ReadVBatt: Success"));
-
     const auto position = m_manager->readReedSensor();
     EXPECT_NE(position, VAL_UNDEF);
     EXPECT_EQ(reed.values(), std::vector<std::int64_t>{position});
-
     m_sim->setAnswerOverride('N', "IR: 250");
     EXPECT_EQ(m_manager->readIR(), 250);
     EXPECT_EQ(ir.values(), std::vector<std::int64_t>{250});
 
-    m_sim->setAnswerOverride('V', "b,5");
-    EXPECT_EQ(m_manager->readVBatt(), VAL_UNDEF);
-    EXPECT_TRUE(m_log.contains("DeviceManager ReadVBatt: Invalid response"));
-    m_sim->setAnswerOverride('O', "o,high");
-    EXPECT_EQ(m_manager->readReedSensor(), VAL_UNDEF);
-    EXPECT_TRUE(m_log.contains("DeviceManager readReedSensor: Non numeric response content"));
-    m_sim->setAnswerOverride('N', "ir: 250");
-    EXPECT_EQ(m_manager->readIR(), VAL_UNDEF);
-    EXPECT_TRUE(m_log.contains("DeviceManager readReedSensor: Invalid response"));
-    m_sim->setAnswerOverride('N', "IR: ");
-    EXPECT_EQ(m_manager->readIR(), VAL_UNDEF);
-    EXPECT_TRUE(
-        m_log.contains("DeviceManager onMonitorFrameReceived: Non numeric response content"));
-    EXPECT_EQ(battery.values().size(), 1u);
-    EXPECT_EQ(ir.values().size(), 1u);
+    const std::tuple<char, const char*, const char*> bad[] = {
+        {'V', "b,5", "DeviceManager ReadVBatt: Invalid response"},
+        {'O', "o,high", "DeviceManager readReedSensor: Non numeric response content"},
+        {'N', "ir: 250", "DeviceManager readReedSensor: Invalid response"},
+        {'N', "IR: ", "DeviceManager onMonitorFrameReceived: Non numeric response content"}};
+    for (const auto& [code, line, message] : bad) {
+        m_sim->setAnswerOverride(code, line);
+        const auto value = code == 'V' ? m_manager->readVBatt()
+                           : code == 'O' ? m_manager->readReedSensor() : m_manager->readIR();
+        EXPECT_EQ(value, VAL_UNDEF) << line;
+        EXPECT_TRUE(m_log.contains(message)) << message;
+    }
+    EXPECT_EQ(battery.size() + reed.size() + ir.size(), 3u) << "a failed read posts nothing";
 
-    // A mute device: the read fails after its budget without a device-model message.
     m_sim->clearAnswerOverrides();
-    m_sim->setMute(true);
-    m_log.clear();
-    EXPECT_EQ(m_manager->readVBatt(), VAL_UNDEF);
-    EXPECT_FALSE(m_log.contains("DeviceManager"));
-    EXPECT_TRUE(m_log.contains("SerialManager sendWithResponses : Did not get enough responses"));
-}
-
-TEST_F(EngineTest, MotorTestStreamsCurrentAndEndsWithTwoDoneEvents)
-{
-    Recorder current(MonitorMotorEvent, "value");
-    Recorder done(MonitorMotorDoneEvent, "value");
-    connect();
-    m_manager->enableKeepaliveCheck(false);
-
     m_manager->startMotorMonitoring();
     ASSERT_TRUE(done.waitForCount(2, 5s));
-    EXPECT_GE(current.entries().size(), 4u);
-    EXPECT_LT(current.entries().front().at, done.entries().front().at);
-    EXPECT_EQ(m_sim->requestCount('M'), 1u);
-
-    // The monitor frame parser, fed directly: prefix tested shorter than the text removed.
+    EXPECT_GE(current.size(), 4u);
+    EXPECT_LT(current.items().front().at, done.items().front().at);
+    // The monitor frame parser: the prefix tested is shorter than the text removed.
     current.clear();
     done.clear();
-    m_manager->onMonitorFrameReceived(toBytes("IMEAS: 412\n\r"));
-    m_manager->onMonitorFrameReceived(toBytes("IMEAS: -1\n\r"));
-    m_manager->onMonitorFrameReceived(toBytes("MX: 37\n\r"));
-    m_manager->onMonitorFrameReceived(toBytes("IMEAS:412\n\r"));
-    m_manager->onMonitorFrameReceived(toBytes("MXa\n\r"));
-    m_manager->onMonitorFrameReceived(toBytes("QQ: 1\n\r"));
+    for (const char* frame : {"IMEAS: 412", "IMEAS: -1", "MX: 37", "IMEAS:412", "MXa", "QQ: 1"})
+        m_manager->onMonitorFrameReceived(toBytes(std::string(frame) + "\n\r"));
     EXPECT_EQ(current.values(), (std::vector<std::int64_t>{412, 65535}));
     EXPECT_EQ(done.values(), std::vector<std::int64_t>{37});
-    EXPECT_EQ(m_log.count("DeviceManager onMonitorFrameReceived: Non numeric response content"),
-              2u);
+    EXPECT_EQ(m_log.count("DeviceManager onMonitorFrameReceived: Non numeric response content"), 3u);
 }
 
-TEST_F(EngineTest, DroppingTheManagerOnTheScanThreadIsSafe)
+// An unplug is noticed at once whatever the engine is doing, and the device is found again.
+TEST_F(EngineTest, UnplugDuringATransactionPollingOrAMotorTestIsNoticedAtOnce)
+{
+    auto options = fastOptions();
+    options.motorPass = 3000ms; // still running when the plug is pulled
+    startSimulator(options);
+    connect();
+    const auto before = m_sim->settings();
+    Recorder current(MonitorMotorEvent, "value");
+    const std::function<void()> situations[] = {
+        [&] { // a transaction waiting for its answer
+            m_sim->setResponseDelay(500ms);
+            auto read = std::async(std::launch::async, [&] { return m_manager->readSettings(); });
+            ASSERT_TRUE(m_sim->waitForRequests('G', 1, 1s));
+            const auto start = Clock::now();
+            m_sim->unplug();
+            EXPECT_FALSE(read.get());
+            EXPECT_LT(Clock::now() - start, 300ms);
+            m_sim->setResponseDelay(0ms);
+        },
+        [&] { // polling the position sensor, keep-alive off
+            m_manager->enableKeepaliveCheck(false);
+            EXPECT_NE(m_manager->readReedSensor(), VAL_UNDEF);
+            std::this_thread::sleep_for(100ms);
+            m_sim->unplug();
+        },
+        [&] { // a motor test, keep-alive off
+            m_manager->enableKeepaliveCheck(false);
+            m_manager->startMotorMonitoring();
+            ASSERT_TRUE(current.waitForCount(3, 2s));
+            m_sim->unplug();
+        }};
+    for (const auto& situation : situations) {
+        m_sim->clearRequests();
+        const auto from = m_states.size();
+        situation();
+        const auto unpluggedAt = Clock::now();
+        auto scanning = m_states.waitFor(kScanning, 2s, from);
+        ASSERT_TRUE(scanning);
+        EXPECT_LT(m_states.items()[*scanning].at - unpluggedAt, 300ms);
+        const auto streamed = current.size();
+        std::this_thread::sleep_for(200ms);
+        EXPECT_EQ(current.size(), streamed) << "samples after the unplug";
+        ASSERT_TRUE(m_sim->plugIn());
+        ASSERT_TRUE(m_states.waitFor(kConnected, 5s, *scanning));
+        m_manager->enableKeepaliveCheck(true);
+        EXPECT_EQ(m_manager->readSettings(), asRecord(before));
+        for (const auto& request : m_sim->requests())
+            EXPECT_NE(std::string("BVGOM").find(request.code), std::string::npos) << request.code;
+    }
+}
+
+// The device or its line misbehaves; the engine comes out of it working, with nothing written
+// to the device.
+TEST_F(EngineTest, LateGarbledAndDuplicatedAnswersNeverGiveWrongValues)
+{
+    Recorder current(MonitorMotorEvent, "value");
+    connect();
+    m_manager->enableKeepaliveCheck(false);
+    const auto before = asRecord(m_sim->settings());
+    m_sim->setResponseDelay(std::chrono::milliseconds(DELAY_RESPONSE - 150));
+    EXPECT_EQ(m_manager->readRevision(), "2.1");
+    m_sim->setResponseDelay(std::chrono::milliseconds(DELAY_RESPONSE + 150));
+    m_log.clear();
+    EXPECT_FALSE(m_manager->readRevision());
+    EXPECT_TRUE(m_log.waitFor("b,2.1", 1s)); // the late answer is not taken by the next one
+    m_sim->setResponseDelay(0ms);
+    m_sim->setBatteryRaw(1300);
+    EXPECT_EQ(m_manager->readVBatt(), 1300);
+
+    Bytes noise;
+    std::uint32_t x = 12345;
+    for (int i = 0; i < 4000; ++i)
+        noise.push_back(static_cast<std::uint8_t>((x = x * 1103515245u + 12345u) >> 16));
+    noise.push_back(END_1);
+    m_sim->sendBytes(noise);
+    m_sim->sendBytes(Bytes{0, 0, 0, 'v', 0, ',', '1', END_1, END_2, 0x80, 0xFF, ',', '1', END_1, END_2});
+    m_sim->sendLine("v,77");
+    ASSERT_TRUE(m_log.waitFor(" <= UNSOLICITED : v,77", 3s));
+
+    // Monitor frames amid the six answers go their own way; a coded frame in their midst gives
+    // no settings rather than wrong ones; a duplicated answer is taken once.
+    m_sim->setAnswerOverride('G', "c,120\n\ri,300\n\rIMEAS: 77\n\rr,40\n\rl,35\n\rs,200\n\rt,90");
+    EXPECT_EQ(m_manager->readSettings(), before);
+    EXPECT_EQ(current.values(), std::vector<std::int64_t>{77});
+    m_sim->setAnswerOverride('G', "c,120\n\rv,999\n\ri,300\n\rr,40\n\rl,35\n\rs,200\n\rt,90");
+    m_log.clear();
+    EXPECT_FALSE(m_manager->readSettings());
+    EXPECT_TRUE(m_log.waitFor("t,90", 1s));
+    m_sim->setAnswerOverride('V', "v,1234\n\rv,1234");
+    m_log.clear();
+    EXPECT_EQ(m_manager->readVBatt(), 1234);
+    EXPECT_TRUE(m_log.waitFor(" <= RESPONSE : v,1234", 1s, 2)); // the copy waits, to be dropped
+    m_sim->clearAnswerOverrides();
+    EXPECT_EQ(m_manager->readRevision(), "2.1");
+    EXPECT_EQ(m_manager->readSettings(), before);
+    EXPECT_EQ(asRecord(m_sim->settings()), before);
+    EXPECT_EQ(m_sim->requestCount('C') + m_sim->requestCount('Z'), 0u);
+}
+
+TEST_F(EngineTest, ManyStopsAndStartsLeaveNoThreadBehind)
 {
     startSimulator();
-    m_manager = DeviceManager::create();
-    ASSERT_TRUE(m_states.waitFor(Connected, 5s));
-    auto manager = std::move(m_manager);
-    std::weak_ptr<DeviceManager> watch = manager;
-    std::mutex mutex;
-    // The observer of state 0 lets go of the last handle on the scan thread, as the app does.
-    auto token = NotificationCenter::defaultCenter().observe(
-        ConnStateChangedEvent, [&](const Notification& n) {
-            if (n.integer("state") == Disconnected) {
-                std::lock_guard lock(mutex);
-                manager.reset();
-            }
-        });
-    {
-        std::lock_guard lock(mutex);
-        manager->stop();
+    const auto threads = [] {
+        const std::filesystem::directory_iterator tasks("/proc/self/task");
+        return std::distance(begin(tasks), end(tasks));
+    };
+    const auto atStart = threads();
+    for (int round = 0; round < 20; ++round) {
+        m_states.clear();
+        auto manager = DeviceManager::create({{m_sim->portPath()}, false});
+        if (round % 2 == 0) // every other round is stopped in the middle of its scan
+            ASSERT_TRUE(m_states.waitFor(kConnected, 5s)) << round;
+        manager.reset(); // stops and joins
     }
-    ASSERT_TRUE(m_states.waitFor(Disconnected, 2s));
-    const auto deadline = Clock::now() + 2s;
-    while (!watch.expired() && Clock::now() < deadline)
-        std::this_thread::sleep_for(10ms);
-    EXPECT_TRUE(watch.expired());
-    NotificationCenter::defaultCenter().remove(token);
+    EXPECT_EQ(threads(), atStart);
+    EXPECT_GE(m_sim->requestCount('B'), 10u);
+    connect();
+    EXPECT_EQ(m_manager->readRevision(), "2.1");
 }
 
 } // namespace

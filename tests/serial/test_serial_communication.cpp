@@ -1,5 +1,6 @@
 #include "serial/QueueAdditions.h"
 #include "serial/SerialCommunication.h"
+#include "serial/serial.h"
 #include "support/Logger.h"
 #include "support/NotificationCenter.h"
 
@@ -10,9 +11,9 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <deque>
 #include <filesystem>
 #include <mutex>
@@ -25,51 +26,21 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A raw pty pair; the test writes the device's side on the master.
-struct Pty
-{
-    int master = -1;
-    int slave = -1;
-    std::string path;
-
-    Pty()
-    {
-        termios raw{};
-        cfmakeraw(&raw);
-        char name[256] = {};
-        if (openpty(&master, &slave, name, &raw, nullptr) == 0)
-            path = name;
-    }
-    ~Pty()
-    {
-        if (master >= 0)
-            close(master);
-        if (slave >= 0)
-            close(slave);
-    }
-    void write(const std::string& bytes) const
-    {
-        ASSERT_EQ(::write(master, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    }
-};
-
-// Frames posted by one channel.
+// The frames posted under one name by one channel.
 class FrameSink
 {
 public:
     FrameSink(const char* name, const void* sender)
     {
-        m_token = NotificationCenter::defaultCenter().observe(
-            name, [this, sender](const Notification& n) {
-                if (n.sender != sender)
-                    return;
-                std::lock_guard lock(m_mutex);
-                m_frames.push_back(toText(n.bytes("data").value_or(Bytes{})));
-                m_added.notify_all();
-            });
+        m_token = NotificationCenter::defaultCenter().observe(name, [this, sender](const Notification& n) {
+            if (n.sender != sender)
+                return;
+            std::lock_guard lock(m_mutex);
+            m_frames.push_back(toText(n.bytes("data").value_or(Bytes{})));
+            m_added.notify_all();
+        });
     }
     ~FrameSink() { NotificationCenter::defaultCenter().remove(m_token); }
-
     std::vector<std::string> waitFor(std::size_t count)
     {
         std::unique_lock lock(m_mutex);
@@ -84,92 +55,122 @@ private:
     std::vector<std::string> m_frames;
 };
 
+// A framing of the test's own: a piece of two bytes or fewer is noise, the rest gets a '|'.
+Framing testFraming()
+{
+    return {'\n', [](Bytes piece) -> std::optional<Bytes> {
+                if (piece.size() <= 2)
+                    return std::nullopt;
+                piece.push_back('|');
+                return piece;
+            }};
+}
+
 class SerialCommunicationTest : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
         Logger::getInstance().setSink([](const std::string&) {});
-        ::testing::internal::CaptureStderr(); // the pty refuses the modem-line calls
+        set_serial_message_sink([](const std::string&) {});
+        termios raw{};
+        cfmakeraw(&raw);
+        char name[256] = {};
+        ASSERT_EQ(openpty(&m_master, &m_slave, name, &raw, nullptr), 0);
+        m_link = std::filesystem::temp_directory_path() / ("dravinel-channel-" + std::to_string(getpid()));
+        std::filesystem::remove(m_link);
+        std::filesystem::create_symlink(name, m_link);
+        m_channel.setPortName(m_link.string());
+        m_channel.setOnLineLost([this] { ++m_lost; });
     }
     void TearDown() override
     {
-        ::testing::internal::GetCapturedStderr();
+        m_channel.stop();
+        for (int fd : {m_master, m_slave})
+            if (fd >= 0)
+                close(fd);
+        std::filesystem::remove(m_link);
         Logger::getInstance().setSink({});
+        set_serial_message_sink({});
     }
+    void write(const std::string& bytes) const
+    {
+        ASSERT_EQ(::write(m_master, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    }
+
+    int m_master = -1, m_slave = -1;
+    std::filesystem::path m_link;
+    std::atomic<int> m_lost{0};
+    SerialCommunication m_channel{testFraming()};
 };
 
-TEST_F(SerialCommunicationTest, CutsTheStreamIntoFramesAndPublishesBothDirections)
+TEST_F(SerialCommunicationTest, CutsTheStreamWithItsOwnersFramingAndPublishesBothDirections)
 {
-    Pty pty;
-    ASSERT_FALSE(pty.path.empty());
-    auto channel = std::make_shared<SerialCommunication>();
-    FrameSink incoming(ComOnIncomingFrame, channel.get());
-    FrameSink outgoing(ComOnOutcomingFrame, channel.get());
-    channel->setPortName(pty.path);
-    ASSERT_TRUE(channel->start());
-    EXPECT_TRUE(channel->isRunning());
-    EXPECT_FALSE(channel->start()); // already running
+    FrameSink incoming(ComOnIncomingFrame, &m_channel);
+    FrameSink outgoing(ComOnOutcomingFrame, &m_channel);
+    ASSERT_TRUE(m_channel.start());
+    EXPECT_TRUE(m_channel.isRunning());
+    EXPECT_FALSE(m_channel.start()); // already running
 
-    // The CR closing each frame arrives at the start of the next piece; a piece of two bytes (CR
-    // and one more) is noise.
-    pty.write("b,1\n\rc,5\n\rx\n\rv,37\n\r");
-    EXPECT_EQ(incoming.waitFor(3), (std::vector<std::string>{"b,1\n\r", "c,5\n\r", "v,37\n\r"}));
-
-    channel->insertByteFrameToSend(toBytes("C120\n\r"));
+    write("b,1\nab\nv,37\n");
+    EXPECT_EQ(incoming.waitFor(2), (std::vector<std::string>{"b,1|", "v,37|"}));
+    m_channel.insertByteFrameToSend(toBytes("C120\n\r"));
     EXPECT_EQ(outgoing.waitFor(1), std::vector<std::string>{"C120\n\r"});
     char received[16] = {};
-    ASSERT_EQ(read(pty.master, received, sizeof received), 6);
+    ASSERT_EQ(read(m_master, received, sizeof received), 6);
     EXPECT_EQ(std::string(received, 6), "C120\n\r");
 
     const auto before = std::chrono::steady_clock::now();
-    channel->stop();
+    m_channel.stop();
     EXPECT_LT(std::chrono::steady_clock::now() - before, 500ms);
-    EXPECT_FALSE(channel->isRunning());
-    // Sent after the stop: nothing is read any more, and the write goes nowhere but is posted.
-    channel->sendFrame(toBytes("V\n\r"));
+    EXPECT_FALSE(m_channel.isRunning());
+    EXPECT_EQ(m_lost, 0) << "a stop is not a lost line";
+    // Sent after the stop: the write goes nowhere but is posted.
+    m_channel.sendFrame(toBytes("V\n\r"));
     EXPECT_EQ(outgoing.waitFor(2).size(), 2u);
 }
 
-TEST_F(SerialCommunicationTest, RefusesAnEmptyNameAndStopsWhenNeverStarted)
+TEST_F(SerialCommunicationTest, RefusesAnEmptyOrMissingPortWithItsReason)
 {
-    auto channel = std::make_shared<SerialCommunication>();
-    EXPECT_EQ(channel->getPortName(), "");
-    EXPECT_FALSE(channel->start());
-    channel->stop();
-    EXPECT_FALSE(channel->isRunning());
-
-    channel->setPortName("/dev/no-such-port");
-    EXPECT_FALSE(channel->start());
+    SerialCommunication channel(testFraming());
+    channel.stop(); // never started
+    EXPECT_FALSE(channel.start());
+    EXPECT_FALSE(channel.lastError());
+    channel.setPortName("/dev/no-such-port");
+    EXPECT_FALSE(channel.start());
+    ASSERT_TRUE(channel.lastError());
+    EXPECT_EQ(channel.lastError()->error, ENOENT);
 }
 
-TEST_F(SerialCommunicationTest, ReaderRestsWhileTheLineIsGone)
+TEST_F(SerialCommunicationTest, AHangUpIsReportedOnceTheCutLineDroppedAndTheReaderRests)
 {
-    auto pty = std::make_unique<Pty>();
-    const auto link = std::filesystem::temp_directory_path() /
-                      ("dravinel-channel-test-" + std::to_string(getpid()));
-    std::filesystem::remove(link);
-    std::filesystem::create_symlink(pty->path, link);
-    auto channel = std::make_shared<SerialCommunication>();
-    channel->setPortName(link.string());
-    ASSERT_TRUE(channel->start());
+    FrameSink incoming(ComOnIncomingFrame, &m_channel);
+    ASSERT_TRUE(m_channel.start());
+    write("v,1\nIMEAS: 4");
+    ASSERT_EQ(incoming.waitFor(1).size(), 1u);
+    std::this_thread::sleep_for(50ms);
+    // Unplugged: the line hangs up and the node goes.
+    close(std::exchange(m_master, -1));
+    close(std::exchange(m_slave, -1));
+    std::filesystem::remove(m_link);
+    const auto deadline = std::chrono::steady_clock::now() + 1s;
+    while (m_lost == 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(2ms);
+    EXPECT_EQ(m_lost, 1);
+    EXPECT_TRUE(m_channel.lineLost());
 
-    // Unplugged: the node is gone and the line hung up. The reader must neither spin nor hang.
-    std::filesystem::remove(link);
-    pty.reset();
     rusage before{};
     getrusage(RUSAGE_SELF, &before);
     std::this_thread::sleep_for(300ms);
     rusage after{};
     getrusage(RUSAGE_SELF, &after);
     const auto cpuUs = [](const rusage& r) {
-        return (r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1'000'000L + r.ru_utime.tv_usec +
-               r.ru_stime.tv_usec;
+        return (r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1'000'000L + r.ru_utime.tv_usec + r.ru_stime.tv_usec;
     };
     // A spinning reader would burn the whole 300 ms; resting costs next to nothing.
     EXPECT_LT(cpuUs(after) - cpuUs(before), 100'000L);
-    channel->stop();
-    EXPECT_FALSE(channel->isRunning());
+    EXPECT_EQ(m_lost, 1);
+    EXPECT_EQ(incoming.waitFor(2), std::vector<std::string>{"v,1|"}) << "the cut line is no frame";
 }
 
 TEST(QueueAdditionsTest, IsFirstInFirstOutAndRefusesAnEmptyQueue)
@@ -179,7 +180,6 @@ TEST(QueueAdditionsTest, IsFirstInFirstOutAndRefusesAnEmptyQueue)
     enqueue(queue, 2);
     EXPECT_EQ(dequeue(queue), 1);
     EXPECT_EQ(dequeue(queue), 2);
-    EXPECT_TRUE(queue.empty());
     EXPECT_THROW(dequeue(queue), std::out_of_range);
 }
 

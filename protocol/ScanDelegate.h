@@ -1,0 +1,28 @@
+#pragma once
+
+#include "protocol/ConnectionState.h"
+#include "support/Bytes.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+// What the transaction layer and its scan ask of the device model above it: the revision read
+// that finds the device, the battery read that keeps the link alive, the monitor stream, and the
+// connection state to report.
+
+namespace dravinel {
+
+class ScanDelegate
+{
+public:
+    virtual void setConnectionState(ConnectionState state) = 0;
+    virtual std::optional<std::string> readRevision() = 0;
+    virtual std::uint16_t readVBatt() = 0;
+    virtual void onMonitorFrameReceived(const Bytes& frame) = 0;
+
+protected:
+    ~ScanDelegate() = default;
+};
+
+} // namespace dravinel
