@@ -113,3 +113,19 @@ int selfThreadCount()
 }
 
 } // namespace dravinel::bench
+
+namespace dravinel::bench {
+
+void SimProcess::unplug() const
+{
+    if (m_pid > 0)
+        kill(m_pid, SIGUSR1);
+}
+
+void SimProcess::plugIn() const
+{
+    if (m_pid > 0)
+        kill(m_pid, SIGUSR2);
+}
+
+} // namespace dravinel::bench

@@ -19,6 +19,9 @@ public:
     // Starts exe with "--wire-time"; false (with a message on standard error) on failure.
     bool start(const std::string& exe);
     void stop();
+    // The device's cable, pulled and put back (SIGUSR1, SIGUSR2).
+    void unplug() const;
+    void plugIn() const;
     const std::string& portPath() const { return m_portPath; }
     pid_t pid() const { return m_pid; }
 

@@ -16,7 +16,7 @@ void printUsage(std::ostream& out)
     out << "Usage: dravinel-sim [--wire-time] [--revision TEXT] [--link-dir DIR]\n"
            "\n"
            "Plays the device on a pseudo-terminal and prints the port path on the first line.\n"
-           "Runs until SIGINT or SIGTERM.\n"
+           "Runs until SIGINT or SIGTERM. SIGUSR1 unplugs the device, SIGUSR2 plugs it in again.\n"
            "\n"
            "  --wire-time      pace every answer as a 115200-baud line would\n"
            "  --revision TEXT  the firmware revision to report (default 2.1)\n"
@@ -55,6 +55,8 @@ int main(int argc, char** argv)
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGHUP);
+    sigaddset(&signals, SIGUSR1);
+    sigaddset(&signals, SIGUSR2);
     if (const int err = pthread_sigmask(SIG_BLOCK, &signals, nullptr); err != 0) {
         std::cerr << "dravinel-sim: pthread_sigmask failed: " << std::strerror(err) << " (" << err
                   << ")\n";
@@ -69,9 +71,20 @@ int main(int argc, char** argv)
     std::cout << simulator.portPath() << std::endl;
     std::cerr << "dravinel-sim: serving " << simulator.slavePath() << "\n";
 
-    int received = 0;
-    if (const int err = sigwait(&signals, &received); err != 0)
-        std::cerr << "dravinel-sim: sigwait failed: " << std::strerror(err) << " (" << err << ")\n";
+    for (;;) {
+        int received = 0;
+        if (const int err = sigwait(&signals, &received); err != 0) {
+            std::cerr << "dravinel-sim: sigwait failed: " << std::strerror(err) << " (" << err
+                      << ")\n";
+            break;
+        }
+        if (received == SIGUSR1)
+            simulator.unplug();
+        else if (received == SIGUSR2)
+            simulator.plugIn();
+        else
+            break;
+    }
     simulator.stop();
     return 0;
 }
