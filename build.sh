@@ -25,8 +25,11 @@ install_missing() {
 
 BUILD_DIR=${BUILD_DIR:-build}
 
+# Extra CMake options, e.g. DRAVINEL_CMAKE_ARGS=-DDRAVINEL_WERROR=ON as CI sets it.
+read -r -a EXTRA_CMAKE_ARGS <<< "${DRAVINEL_CMAKE_ARGS:-}"
+
 build() {
-    cmake -S . -B "$BUILD_DIR" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+    cmake -S . -B "$BUILD_DIR" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "${EXTRA_CMAKE_ARGS[@]}" "$@" >/dev/null
     cmake --build "$BUILD_DIR"
 }
 

@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # The CI steps beyond the plain build and test run:
-#   1. the test suite under AddressSanitizer + UndefinedBehaviorSanitizer (build-asan/)
-#   2. the engine, simulator and CLI tests under ThreadSanitizer (build-tsan/)
-#   3. every libFuzzer target for FUZZ_SECONDS each (build-fuzz/), failing on any crash
-#   4. a short benchmark run (figures only; it fails CI only if it crashes)
-# Usage: scripts/ci-extra.sh [asan|tsan|fuzz|bench]...   (no argument: all four)
+#   1. the engine, simulator and CLI tests as an unprivileged user (when run as root)
+#   2. the engine and the command line built with clang, warnings as errors (build-clang/)
+#   3. the test suite under AddressSanitizer + UndefinedBehaviorSanitizer (build-asan/)
+#   4. the engine, simulator and CLI tests under ThreadSanitizer (build-tsan/)
+#   5. every libFuzzer target for FUZZ_SECONDS each (build-fuzz/), failing on any crash
+#   6. a short benchmark run (figures only; it fails CI only if it crashes)
+# Usage: scripts/ci-extra.sh [unprivileged|clang|asan|tsan|fuzz|bench]...   (no argument: all)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$(pwd)
@@ -20,6 +22,32 @@ configure() {
     local dir=$1
     shift
     cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+}
+
+# A technician is not root: root ignores a port's exclusive flag and its permissions, so the
+# port tests must also pass for a plain user. The build lives outside the checkout, which may sit
+# in a folder the user cannot enter, and belongs to that user.
+run_unprivileged() {
+    step "Engine, simulator and CLI tests as an unprivileged user"
+    if [ "$(id -u)" -ne 0 ]; then
+        echo "not root: the main test run was already unprivileged"
+        return 0
+    fi
+    local user=dravinel-ci
+    id "$user" >/dev/null 2>&1 || useradd --no-create-home --shell /usr/sbin/nologin "$user"
+    local dir=/tmp/dravinel-unprivileged
+    rm -rf "$dir"
+    configure "$dir" -DDRAVINEL_BUILD_APP=OFF -DDRAVINEL_BUILD_BENCH=OFF
+    cmake --build "$dir" -j"$JOBS"
+    chown -R "$user" "$dir"
+    runuser -u "$user" -- env HOME=/tmp ctest --test-dir "$dir" --output-on-failure -j"$JOBS"
+}
+
+run_clang() {
+    step "clang: engine and simulator, warnings as errors"
+    configure build-clang -DCMAKE_CXX_COMPILER=clang++ -DDRAVINEL_WERROR=ON \
+        -DDRAVINEL_BUILD_APP=OFF -DDRAVINEL_BUILD_TESTS=OFF -DDRAVINEL_BUILD_BENCH=OFF
+    cmake --build build-clang -j"$JOBS" --target support serial protocol device dravinel-sim
 }
 
 run_asan() {
@@ -91,9 +119,11 @@ run_bench() {
 }
 
 steps=("$@")
-[ ${#steps[@]} -eq 0 ] && steps=(asan tsan fuzz bench)
+[ ${#steps[@]} -eq 0 ] && steps=(unprivileged clang asan tsan fuzz bench)
 for s in "${steps[@]}"; do
     case "$s" in
+        unprivileged) run_unprivileged ;;
+        clang) run_clang ;;
         asan) run_asan ;;
         tsan) run_tsan ;;
         fuzz) run_fuzz ;;

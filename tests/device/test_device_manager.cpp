@@ -93,8 +93,9 @@ TEST_F(EngineTest, ConnectsReadsRevisionAndSettingsAndWritesEachSettingWithItsEc
         const WriteResult result = m_manager->saveCurrentLimit(120);
         EXPECT_EQ(result.confirmed, confirmed) << line;
         EXPECT_EQ(result.answer, line) << "the answer is handed back as it came";
-        if (message)
+        if (message) {
             EXPECT_TRUE(m_log.contains(message)) << message;
+        }
     }
     m_sim->setMute(true);
     EXPECT_EQ(m_manager->saveIR(5).answer, std::nullopt);
@@ -261,8 +262,9 @@ TEST_F(EngineTest, ManyStopsAndStartsLeaveNoThreadBehind)
     for (int round = 0; round < 20; ++round) {
         m_states.clear();
         auto manager = DeviceManager::create({{m_sim->portPath()}, false});
-        if (round % 2 == 0) // every other round is stopped in the middle of its scan
+        if (round % 2 == 0) { // every other round is stopped in the middle of its scan
             ASSERT_TRUE(m_states.waitFor(kConnected, 5s)) << round;
+        }
         manager.reset(); // stops and joins
     }
     EXPECT_EQ(threads(), atStart);
