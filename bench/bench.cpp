@@ -167,8 +167,8 @@ std::optional<LossFigures> measureLoss(const std::string& simExe, int runs)
     {
         NotificationCenter::Token token;
         ~Observation() { NotificationCenter::defaultCenter().remove(token); }
-    } observation{NotificationCenter::defaultCenter().observe(
-        MonitorMotorEvent, [&](const Notification&) {
+    } observation{
+        NotificationCenter::defaultCenter().observe(MonitorMotorEvent, [&](const Notification&) {
             std::lock_guard lock(mutex);
             ++samples;
             sampled.notify_all();
@@ -194,7 +194,9 @@ std::optional<LossFigures> measureLoss(const std::string& simExe, int runs)
         polling = false;
         if (!scanning)
             return std::nullopt;
-        (kind == 0 ? figures.idle : kind == 1 ? figures.polling : figures.motor)
+        (kind == 0   ? figures.idle
+         : kind == 1 ? figures.polling
+                     : figures.motor)
             .push_back(ms(unpluggedAt, *scanning));
         // Plugged in again in the middle of the search's pause.
         std::this_thread::sleep_for(400ms);

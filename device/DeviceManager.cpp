@@ -38,8 +38,7 @@ std::shared_ptr<DeviceManager> DeviceManager::create(Options options)
     return manager;
 }
 
-DeviceManager::DeviceManager(PassKey, Options options)
-    : m_serialManager(*this, std::move(options))
+DeviceManager::DeviceManager(PassKey, Options options) : m_serialManager(*this, std::move(options))
 {
     // Declared for the device's readings but not kept here: reads return and post their values.
     (void)m_batteryLevel;
@@ -101,9 +100,8 @@ std::optional<std::string> DeviceManager::requestContent(char request, const std
 {
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(content.data());
     std::vector<Bytes> received;
-    auto results = m_serialManager.sendWithResponses(request, content.empty() ? nullptr : bytes,
-                                                     content.size(), 1, RESPONSE_TIMEOUT,
-                                                     &received);
+    auto results = m_serialManager.sendWithResponses(
+        request, content.empty() ? nullptr : bytes, content.size(), 1, RESPONSE_TIMEOUT, &received);
     if (answer)
         *answer = received.empty() ? std::nullopt : std::optional(answerText(received.front()));
     if (!results || results->empty() || results->front().empty())

@@ -36,8 +36,8 @@ struct SettingInfo
 // In the device's order: that of the record's fields, of the settings read's mask bits (0x20 for
 // the first) and of every listing.
 inline constexpr std::array<SettingInfo, 6> kSettings = {{
-    {Setting::CurrentLimit, "current-limit", "current_limit", "Current limit",
-     SAVE_CURR_LIMIT_REQ, SAVE_CURR_LIMIT_RESP, "DeviceManager SaveCurrentLimit"},
+    {Setting::CurrentLimit, "current-limit", "current_limit", "Current limit", SAVE_CURR_LIMIT_REQ,
+     SAVE_CURR_LIMIT_RESP, "DeviceManager SaveCurrentLimit"},
     {Setting::MinIRDetection, "ir-detection", "ir_detection", "IR detection", SAVE_IR_REQ,
      SAVE_IR_RESP, "DeviceManager SaveIR"},
     {Setting::PositiveRotation, "positive-rotation", "positive_rotation", "Positive rotation",

@@ -157,12 +157,10 @@ Bytes SerialManager::createFrame(char code, const std::uint8_t* content,
     return buildRequestFrame(code, content, contentLength);
 }
 
-std::optional<std::vector<Bytes>> SerialManager::sendWithResponses(char code,
-                                                                   const std::uint8_t* content,
-                                                                   std::uint64_t contentLength,
-                                                                   std::int32_t numResponses,
-                                                                   std::chrono::milliseconds timeout,
-                                                                   std::vector<Bytes>* received)
+std::optional<std::vector<Bytes>>
+SerialManager::sendWithResponses(char code, const std::uint8_t* content,
+                                 std::uint64_t contentLength, std::int32_t numResponses,
+                                 std::chrono::milliseconds timeout, std::vector<Bytes>* received)
 {
     std::lock_guard transaction(m_lock);
     std::vector<Bytes> result;
@@ -311,7 +309,8 @@ SerialManager::Wake SerialManager::pause(std::chrono::milliseconds duration, boo
         if (left.count() <= 0)
             return Wake::Elapsed;
         pollfd fds[2] = {{m_kickFd, POLLIN, 0}, {watcher ? watcher->fd() : -1, POLLIN, 0}};
-        const int ready = poll(fds, 2, static_cast<int>(std::min<std::int64_t>(left.count(), 60000)));
+        const int ready =
+            poll(fds, 2, static_cast<int>(std::min<std::int64_t>(left.count(), 60000)));
         if (ready <= 0)
             continue;
         if ((fds[0].revents & POLLIN) != 0) {
@@ -392,8 +391,8 @@ void SerialManager::threadScan(std::stop_token stop)
                 for (std::size_t index = 0;
                      index < ports.size() && m_scanning && running() && !portAppeared;) {
                     const std::string& path = ports[index];
-                    auto channel = std::make_shared<SerialCommunication>(
-                        Framing{END_1, [](Bytes piece) { return frameFromPiece(std::move(piece)); }});
+                    auto channel = std::make_shared<SerialCommunication>(Framing{
+                        END_1, [](Bytes piece) { return frameFromPiece(std::move(piece)); }});
                     channel->setPortName(path);
                     m_lineLost = false;
                     channel->setOnLineLost([this] { onLineLost(); });
@@ -423,10 +422,11 @@ void SerialManager::threadScan(std::stop_token stop)
                             if (m_lineLost)
                                 present = false;
                         }
-                        m_deviceManager.setConnectionState(running() ? ConnectionState::Scanning
-                                                                     : ConnectionState::Disconnecting);
+                        m_deviceManager.setConnectionState(
+                            running() ? ConnectionState::Scanning : ConnectionState::Disconnecting);
                     } else {
-                        recordAttempt({path, PortAttempt::Outcome::CouldNotOpen, channel->lastError()});
+                        recordAttempt(
+                            {path, PortAttempt::Outcome::CouldNotOpen, channel->lastError()});
                     }
                     m_connected = false;
                     stopSerial();

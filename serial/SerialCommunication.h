@@ -81,7 +81,7 @@ private:
     std::deque<Bytes> m_sendBuffer; // kept for the queue operations; nothing sends through it
 
     std::mutex m_writeMutex; // a write never meets the close of its descriptor
-    int m_wakeFd = -1; // an eventfd that ends the reader's wait when the channel stops
+    int m_wakeFd = -1;       // an eventfd that ends the reader's wait when the channel stops
     std::mutex m_pauseMutex;
     std::condition_variable_any m_pause;
     std::optional<PortError> m_lastError; // written and read by the owner's thread only

@@ -32,8 +32,7 @@ constexpr std::int64_t state(ConnectionState s)
 }
 
 // Collects items posted from any thread and lets the test wait for one.
-template <typename T>
-class Collector
+template <typename T> class Collector
 {
 public:
     void add(T item)
@@ -49,7 +48,8 @@ public:
     }
     // The index of the first item from index from on that matches, once there is one.
     std::optional<std::size_t> waitFor(const std::function<bool(const T&)>& match,
-                                       std::chrono::milliseconds timeout, std::size_t from = 0) const
+                                       std::chrono::milliseconds timeout,
+                                       std::size_t from = 0) const
     {
         std::unique_lock lock(m_mutex);
         std::optional<std::size_t> hit;
@@ -83,7 +83,6 @@ private:
 struct Posted
 {
     std::int64_t value = 0;
-    std::string text;
     Clock::time_point at;
 };
 
@@ -92,9 +91,10 @@ class Recorder : public Collector<Posted>
 public:
     Recorder(const char* name, const char* key)
     {
-        m_token = NotificationCenter::defaultCenter().observe(name, [this, key](const Notification& n) {
-            add({n.integer(key).value_or(-1000), n.text(key).value_or(""), Clock::now()});
-        });
+        m_token =
+            NotificationCenter::defaultCenter().observe(name, [this, key](const Notification& n) {
+                add({n.integer(key).value_or(-1000), Clock::now()});
+            });
     }
     ~Recorder() { NotificationCenter::defaultCenter().remove(m_token); }
     std::optional<std::size_t> waitFor(std::int64_t value, std::chrono::milliseconds timeout,
@@ -106,8 +106,7 @@ public:
     std::vector<std::int64_t> values() const
     {
         std::vector<std::int64_t> out;
-        for (const auto& p : items())
-            out.push_back(p.value);
+        std::ranges::transform(items(), std::back_inserter(out), &Posted::value);
         return out;
     }
 
@@ -126,14 +125,13 @@ public:
     ~LogCapture() { Logger::getInstance().setSink({}); }
     std::size_t count(const std::string& text) const
     {
-        const auto lines = items();
-        return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&](auto& l) {
-            return l.find(text) != std::string::npos;
-        }));
+        return static_cast<std::size_t>(std::ranges::count_if(
+            items(), [&](const std::string& l) { return l.find(text) != std::string::npos; }));
     }
     bool contains(const std::string& text) const { return count(text) > 0; }
     // Waits until text stands in at least times lines.
-    bool waitFor(const std::string& text, std::chrono::milliseconds timeout, std::size_t times = 1) const
+    bool waitFor(const std::string& text, std::chrono::milliseconds timeout,
+                 std::size_t times = 1) const
     {
         const auto match = [&](const std::string& l) { return l.find(text) != std::string::npos; };
         std::size_t from = 0;

@@ -34,21 +34,28 @@ TEST(DeviceProtocol, ResponseStartIsExactlyTheThirteenResponseBytes)
 TEST(DeviceProtocol, PiecesBecomeFramesEndingLfCrAndContentIsWhatLiesBetween)
 {
     // Piece as read up to LF -> frame; empty: noise. Length counts before the CR is dropped.
-    const std::pair<std::string_view, std::string_view> pieces[] = {
-        {"", ""}, {"ab", ""}, {"\rb", ""}, {"\rb,", "b,\n\r"}, {"b,1", "b,1\n\r"},
-        {"\rc,5", "c,5\n\r"}, {"\r\rb,1", "\rb,1\n\r"}};
+    const std::pair<std::string_view, std::string_view> pieces[] = {{"", ""},
+                                                                    {"ab", ""},
+                                                                    {"\rb", ""},
+                                                                    {"\rb,", "b,\n\r"},
+                                                                    {"b,1", "b,1\n\r"},
+                                                                    {"\rc,5", "c,5\n\r"},
+                                                                    {"\r\rb,1", "\rb,1\n\r"}};
     for (const auto& [piece, frame] : pieces)
         EXPECT_EQ(frameFromPiece(toBytes(piece)).value_or(Bytes{}), toBytes(frame)) << piece;
 
     const std::pair<std::string_view, std::string_view> contents[] = {
-        {"b,1\n\r", "1"}, {"b,2.1\n\r", "2.1"}, {"IR: 5\n\r", ": 5"}, {"b,\n\r", ""}, {"b,", ""}, {"", ""}};
+        {"b,1\n\r", "1"}, {"b,2.1\n\r", "2.1"}, {"IR: 5\n\r", ": 5"},
+        {"b,\n\r", ""},   {"b,", ""},           {"", ""}};
     for (const auto& [frame, content] : contents)
-        EXPECT_EQ(DeviceProtocol::extractContent(exact(frame)).value_or(Bytes{}), toBytes(content)) << frame;
+        EXPECT_EQ(DeviceProtocol::extractContent(exact(frame)).value_or(Bytes{}), toBytes(content))
+            << frame;
     EXPECT_FALSE(DeviceProtocol::extractContent(exact("b,\n\r")));
 
     const std::string value = "120";
     const auto* content = reinterpret_cast<const std::uint8_t*>(value.data());
-    EXPECT_EQ(buildRequestFrame(SAVE_CURR_LIMIT_REQ, content, 3), (Bytes{'C', '1', '2', '0', 0x0A, 0x0D}));
+    EXPECT_EQ(buildRequestFrame(SAVE_CURR_LIMIT_REQ, content, 3),
+              (Bytes{'C', '1', '2', '0', 0x0A, 0x0D}));
     EXPECT_EQ(buildRequestFrame(SAVE_CURR_LIMIT_REQ, nullptr, 5), (Bytes{'C', 0x0A, 0x0D}));
     EXPECT_EQ(buildRequestFrame(SAVE_CURR_LIMIT_REQ, content, 0), (Bytes{'C', 0x0A, 0x0D}));
 }

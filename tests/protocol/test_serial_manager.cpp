@@ -85,7 +85,8 @@ TEST_F(EngineTest, ScanWithoutDeviceGivesUpAfterTwoEmptyCyclesHavingOpenedOnlyTh
     ASSERT_EQ(attempts.size(), 1u);
     EXPECT_EQ(attempts[0].outcome, PortAttempt::Outcome::CouldNotOpen);
     EXPECT_EQ(attempts[0].error->error, ENOENT);
-    EXPECT_EQ(describePortAttempt(attempts[0]), "not found: the device is unplugged, or the path is wrong");
+    EXPECT_EQ(describePortAttempt(attempts[0]),
+              "not found: the device is unplugged, or the path is wrong");
     EXPECT_TRUE(m_sim->requests().empty()) << "the other product port was opened";
 
     // Scanning for others puts the named ports first.

@@ -1,25 +1,25 @@
+#include "EngineFixture.h"
 #include "serial/PortError.h"
 #include "serial/PortWatcher.h"
+#include "serial/QueueAdditions.h"
+#include "serial/SerialCommunication.h"
 #include "serial/serial.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
-#include <chrono>
+#include <csignal>
 #include <ctime>
-#include <filesystem>
+#include <deque>
 #include <fstream>
 #include <future>
-#include <string>
-#include <thread>
 #include <tuple>
 
-#include <csignal>
 #include <fcntl.h>
 #include <pty.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -29,6 +29,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using testing::Collector;
 
 // Runs read_bytes_until_byte on its own thread; the flag is cleared on the way out, so a read
 // that never ends fails its test instead of hanging it.
@@ -43,18 +44,21 @@ struct BackgroundRead
           }))
     {}
     ~BackgroundRead() { keepReading = false; }
-    bool endsWithin(std::chrono::milliseconds t) { return result.wait_for(t) == std::future_status::ready; }
+    bool endsWithin(std::chrono::milliseconds t)
+    {
+        return result.wait_for(t) == std::future_status::ready;
+    }
 };
 
 // A fresh folder and a raw pty whose slave is open as the port; the test plays the device on the
 // master. The module's messages are collected.
-class SerialTest : public testing::Test
+class SerialTest : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
         set_serial_message_sink([this](const std::string& m) { m_messages += m; });
-        std::string pattern = testing::TempDir() + "serial-XXXXXX";
+        std::string pattern = ::testing::TempDir() + "serial-XXXXXX";
         ASSERT_NE(mkdtemp(pattern.data()), nullptr);
         m_dir = pattern;
         termios raw{};
@@ -150,8 +154,8 @@ TEST_F(SerialTest, AHeldPortIsRefusedWithItsHolderNamed)
     close(ready[1]);
     ASSERT_TRUE(error.holder);
     EXPECT_EQ(error.holder->pid, child);
-    EXPECT_NE(describePortError(m_path, error).find("in use by " + error.holder->name + " (pid " +
-                                                    std::to_string(child) + ")"),
+    EXPECT_NE(describePortError(m_path, error)
+                  .find("in use by " + error.holder->name + " (pid " + std::to_string(child) + ")"),
               std::string::npos);
 }
 
@@ -202,7 +206,8 @@ TEST_F(SerialTest, MissingPortOrNegativeDescriptorIsRefusedWithAMessage)
     PortError error;
     EXPECT_EQ(open_serial_port(path.c_str(), &error), -1);
     EXPECT_EQ(error, (PortError{"open", ENOENT, std::nullopt}));
-    EXPECT_EQ(takeMessages(), "Error opening serial port " + path + " - No such file or directory(2).\n");
+    EXPECT_EQ(takeMessages(),
+              "Error opening serial port " + path + " - No such file or directory(2).\n");
 
     EXPECT_TRUE(read_bytes_until_byte(-1, '\n').empty());
     EXPECT_FALSE(send_frame(-1, toBytes("R12\n\r")));
@@ -231,7 +236,8 @@ TEST_F(SerialTest, ReadGivesOneLineAtATimeInPiecesOfAtMost4096)
     EXPECT_EQ(reader.end, ReadEnd::StopByte);
     EXPECT_EQ(toText(read_byte(m_fd)), "r");
     // The master blocks once the line discipline's buffer is full: it writes on its own thread.
-    const auto writer = std::async(std::launch::async, [this] { write(std::string(5000, 'x') + "\n"); });
+    const auto writer =
+        std::async(std::launch::async, [this] { write(std::string(5000, 'x') + "\n"); });
     EXPECT_EQ(line(), std::string(4096, 'x'));
     EXPECT_EQ(line(), std::string(904, 'x'));
     EXPECT_TRUE(send_frame(m_fd, toBytes("R12\n\r")));
@@ -284,7 +290,8 @@ TEST_F(SerialTest, PortPathsListByIdFirstThenRealHardwareOnceAndAppearingPortsAr
 {
     const fs::path dev = m_dir / "dev", byId = dev / "serial" / "by-id", sys = m_dir / "tty";
     fs::create_directories(byId);
-    for (const char* node : {"ttyUSB0", "ttyUSB1", "ttyUSB10", "ttyACM0", "ttyS0", "ttyS1", "ttyS4", "ttyS5"})
+    for (const char* node :
+         {"ttyUSB0", "ttyUSB1", "ttyUSB10", "ttyACM0", "ttyS0", "ttyS1", "ttyS4", "ttyS5"})
         std::ofstream(dev / node) << '\n';
     fs::create_symlink("../../ttyUSB0", byId / "usb-Dravinel_Drive_A1-if00-port0");
     fs::create_symlink("../../ttyACM0", byId / "usb-Acme_Modem_77-if00");
@@ -292,9 +299,15 @@ TEST_F(SerialTest, PortPathsListByIdFirstThenRealHardwareOnceAndAppearingPortsAr
     // ttyUSB2 has no node; ttyS1 is an old-style serial8250 placeholder, ttyS5 a current one on
     // serial-base; tty0 is a virtual console without device.
     const std::tuple<const char*, const char*, const char*> ttys[] = {
-        {"ttyUSB0", "", ""}, {"ttyUSB10", "", ""}, {"ttyUSB1", "", ""}, {"ttyUSB2", "", ""},
-        {"ttyACM0", "", ""}, {"ttyS0", "platform/serial8250", "4"}, {"ttyS4", "pnp0/serial", "4"},
-        {"ttyS1", "platform/serial8250", "0"}, {"ttyS5", "serial-base/port", "0"}};
+        {"ttyUSB0", "", ""},
+        {"ttyUSB10", "", ""},
+        {"ttyUSB1", "", ""},
+        {"ttyUSB2", "", ""},
+        {"ttyACM0", "", ""},
+        {"ttyS0", "platform/serial8250", "4"},
+        {"ttyS4", "pnp0/serial", "4"},
+        {"ttyS1", "platform/serial8250", "0"},
+        {"ttyS5", "serial-base/port", "0"}};
     for (const auto& [name, driver, type] : ttys) {
         fs::create_directories(sys / name / "device");
         if (*type != '\0')
@@ -329,6 +342,111 @@ TEST_F(SerialTest, PortPathsListByIdFirstThenRealHardwareOnceAndAppearingPortsAr
     EXPECT_TRUE(watcher.drain());
     fs::create_directories(m_dir / "later");
     EXPECT_TRUE(watcher.drain());
+}
+
+// The frames one channel posts under one name.
+struct FrameSink : Collector<std::string>
+{
+    FrameSink(const char* name, const void* sender)
+    {
+        token = NotificationCenter::defaultCenter().observe(
+            name, [this, sender](const Notification& n) {
+                if (n.sender == sender)
+                    add(toText(n.bytes("data").value_or(Bytes{})));
+            });
+    }
+    ~FrameSink() { NotificationCenter::defaultCenter().remove(token); }
+    std::vector<std::string> after(std::size_t count, std::chrono::milliseconds timeout = 2s)
+    {
+        waitForCount(count, timeout);
+        return items();
+    }
+    NotificationCenter::Token token = 0;
+};
+
+// The channel with a framing of the test's own: two bytes or fewer are noise, the rest get '|'.
+class ChannelTest : public SerialTest
+{
+protected:
+    void SetUp() override
+    {
+        SerialTest::SetUp();
+        ASSERT_EQ(close_serial_port(std::exchange(m_fd, -1)), 0);
+        m_channel.setPortName(m_path);
+        m_channel.setOnLineLost([this] { ++m_lost; });
+    }
+    void TearDown() override
+    {
+        m_channel.stop();
+        SerialTest::TearDown();
+    }
+    testing::LogCapture m_log; // keeps the channel's log lines off the test output
+    std::atomic<int> m_lost{0};
+    SerialCommunication m_channel{{'\n', [](Bytes piece) -> std::optional<Bytes> {
+                                       if (piece.size() <= 2)
+                                           return std::nullopt;
+                                       piece.push_back('|');
+                                       return piece;
+                                   }}};
+};
+
+TEST_F(ChannelTest, CutsTheStreamWithItsOwnersFramingAndPublishesBothDirections)
+{
+    FrameSink incoming(ComOnIncomingFrame, &m_channel), outgoing(ComOnOutcomingFrame, &m_channel);
+    ASSERT_TRUE(m_channel.start());
+    EXPECT_FALSE(m_channel.start()); // already running
+    write("b,1\nab\nv,37\n");
+    EXPECT_EQ(incoming.after(2), (std::vector<std::string>{"b,1|", "v,37|"}));
+    m_channel.insertByteFrameToSend(toBytes("C120\n\r"));
+    EXPECT_EQ(outgoing.after(1), std::vector<std::string>{"C120\n\r"});
+    EXPECT_EQ(toText(read_bytes_until_byte(m_master, '\r')), "C120\n");
+    const auto before = std::chrono::steady_clock::now();
+    m_channel.stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 500ms);
+    EXPECT_FALSE(m_channel.isRunning());
+    EXPECT_EQ(m_lost, 0) << "a stop is not a lost line";
+    m_channel.sendFrame(toBytes("V\n\r")); // after the stop: goes nowhere, but is posted
+    EXPECT_EQ(outgoing.after(2).size(), 2u);
+
+    SerialCommunication unnamed({});
+    unnamed.stop(); // never started
+    EXPECT_FALSE(unnamed.start());
+    unnamed.setPortName((m_dir / "ttyUSB7").string());
+    EXPECT_FALSE(unnamed.start());
+    EXPECT_EQ(unnamed.lastError()->error, ENOENT);
+}
+
+TEST_F(ChannelTest, AHangUpIsReportedOnceTheCutLineDroppedAndTheReaderRests)
+{
+    FrameSink incoming(ComOnIncomingFrame, &m_channel);
+    ASSERT_TRUE(m_channel.start());
+    write("v,1\nIMEAS: 4");
+    ASSERT_EQ(incoming.after(1).size(), 1u);
+    std::this_thread::sleep_for(50ms);
+    close(std::exchange(m_master, -1)); // unplugged
+    for (int i = 0; i < 500 && m_lost == 0; ++i)
+        std::this_thread::sleep_for(2ms);
+    EXPECT_TRUE(m_channel.lineLost());
+    const auto cpu = [] {
+        rusage r{};
+        getrusage(RUSAGE_SELF, &r);
+        return (r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1'000'000L + r.ru_utime.tv_usec +
+               r.ru_stime.tv_usec;
+    };
+    const long before = cpu();
+    std::this_thread::sleep_for(300ms);
+    // A spinning reader would burn the whole 300 ms; resting costs next to nothing.
+    EXPECT_LT(cpu() - before, 100'000L);
+    EXPECT_EQ(m_lost, 1);
+    EXPECT_EQ(incoming.after(2, 100ms), std::vector<std::string>{"v,1|"})
+        << "the cut line is no frame";
+
+    std::deque<int> queue; // the queue operations, first in, first out
+    enqueue(queue, 1);
+    enqueue(queue, 2);
+    EXPECT_EQ(dequeue(queue), 1);
+    EXPECT_EQ(dequeue(queue), 2);
+    EXPECT_THROW(dequeue(queue), std::out_of_range);
 }
 
 } // namespace
