@@ -3,14 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
 #include <regex>
-#include <thread>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -55,11 +52,9 @@ struct Host
 
 } // namespace
 
-TEST(Simulator, AnswersRecordsPacesAndUnplugs)
+TEST(Simulator, AnswersRecordsAndUnplugs)
 {
-    DeviceSimulator::Options options;
-    options.wireTime = true;
-    DeviceSimulator sim(options);
+    DeviceSimulator sim;
     Host host(sim);
     ASSERT_GE(host.fd, 0);
     // Out-of-range numbers wrap into 16 bits; a number ends at its first non-digit.
@@ -72,10 +67,7 @@ TEST(Simulator, AnswersRecordsPacesAndUnplugs)
         EXPECT_TRUE(std::regex_match(text, std::regex(prefix + "[0-9]+\n\r"))) << code << text;
         return std::atoi(text.c_str() + std::min(prefix.size(), text.size()));
     };
-    const auto battery = sim.batteryRaw();
-    for (int i = 0; i < 12; ++i)
-        EXPECT_NEAR(reading("V", "v,"), 1332, 8);
-    EXPECT_LT(sim.batteryRaw(), battery);
+    EXPECT_NEAR(reading("V", "v,"), 1332, 8);
     EXPECT_LE(reading("O", "o,"), 1023);
     EXPECT_LE(reading("N", "IR: "), 1023);
     EXPECT_FALSE(sim.savedAndExited());
@@ -91,13 +83,6 @@ TEST(Simulator, AnswersRecordsPacesAndUnplugs)
     ASSERT_EQ(got.size(), 2u);
     EXPECT_EQ(got[0].code + got[0].content + got[1].code, "C1B");
     EXPECT_TRUE(before <= got[0].at && got[0].at <= got[1].at);
-    // 1152 bytes take 100 ms on the wire at 10 bits a byte, well above scheduling noise.
-    const auto start = Clock::now();
-    std::thread writer([&] { sim.sendBytes(dravinel::Bytes(1152, 'x')); });
-    EXPECT_EQ(readUntil(host.fd, 'x', 1152, 2000ms), std::string(1152, 'x'));
-    const auto elapsed = Clock::now() - start;
-    writer.join();
-    EXPECT_TRUE(elapsed >= 100ms && elapsed < 800ms) << (elapsed / 1ms) << " ms";
     // Unplugged, the host sees a hang-up; plugged in again, the same path leads to a new pty.
     const std::string path = sim.portPath();
     sim.unplug();
@@ -110,33 +95,4 @@ TEST(Simulator, AnswersRecordsPacesAndUnplugs)
     EXPECT_EQ(Host(sim.portPath()).ask("B\n\r", 1), "b,2.1\n\r");
     sim.stop(); // removes the symlink and the folder made for it
     EXPECT_FALSE(fs::exists(fs::path(path).parent_path()));
-}
-
-TEST(DeviceSimulatorExecutable, PrintsItsPortAndStopsCleanlyOnInterrupt)
-{
-#ifndef DRAVINEL_SIM_EXE
-    GTEST_SKIP() << "the simulator executable is not built";
-#else
-    char dir[] = "/tmp/dravinel-sim-test-XXXXXX";
-    ASSERT_NE(::mkdtemp(dir), nullptr);
-    const std::string path = std::string(dir) + "/usb-Dravinel_Simulator-if00-port0";
-    // The shell prints its process id, then becomes the simulator, which prints its port.
-    const std::string command =
-        std::string("echo $$; exec ") + DRAVINEL_SIM_EXE + " --revision 9.9 --link-dir " + dir;
-    FILE* out = ::popen(command.c_str(), "r");
-    ASSERT_NE(out, nullptr);
-    const std::string lines = readUntil(::fileno(out), '\n', 2, 3000ms);
-    const pid_t pid = std::atoi(lines.c_str());
-    ASSERT_GT(pid, 0) << lines;
-    EXPECT_EQ(lines.substr(lines.find('\n') + 1), path + "\n");
-    EXPECT_EQ(Host(path).ask("B\n\r", 1), "b,9.9\n\r");
-    // Interrupted, it closes its output at once, exits with 0 and removes its symlink.
-    ::kill(pid, SIGINT);
-    EXPECT_EQ(readUntil(::fileno(out), '\n', 0, 3000ms), ""); // returns at the end of output
-    ::kill(pid, SIGKILL); // a zombie by now, unless SIGINT failed to stop it
-    const int status = ::pclose(out);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
-    EXPECT_FALSE(fs::exists(fs::symlink_status(path)));
-    fs::remove_all(dir);
-#endif
 }
