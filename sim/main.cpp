@@ -1,6 +1,8 @@
 #include "sim/DeviceSimulator.h"
 
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <pthread.h>
@@ -13,15 +15,18 @@ namespace {
 
 void printUsage(std::ostream& out)
 {
-    out << "Usage: dravinel-sim [--wire-time] [--revision TEXT] [--link-dir DIR]\n"
+    out << "Usage: dravinel-sim [--wire-time] [--response-delay MS] [--revision TEXT] "
+           "[--link-dir DIR]\n"
            "\n"
            "Plays the device on a pseudo-terminal and prints the port path on the first line.\n"
            "Runs until SIGINT or SIGTERM. SIGUSR1 unplugs the device, SIGUSR2 plugs it in again.\n"
            "\n"
-           "  --wire-time      pace every answer as a 115200-baud line would\n"
-           "  --revision TEXT  the firmware revision to report (default 2.1)\n"
-           "  --link-dir DIR   folder for the port's symlink (default: a fresh temporary folder)\n"
-           "  --help           show this text\n";
+           "  --wire-time          pace every answer as a 115200-baud line would\n"
+           "  --response-delay MS  wait this long before each answer, as a slow device\n"
+           "  --revision TEXT      the firmware revision to report (default 2.1)\n"
+           "  --link-dir DIR       folder for the port's symlink (default: a fresh temporary "
+           "folder)\n"
+           "  --help               show this text\n";
 }
 
 } // namespace
@@ -29,6 +34,7 @@ void printUsage(std::ostream& out)
 int main(int argc, char** argv)
 {
     dravinel::sim::DeviceSimulator::Options options;
+    std::chrono::milliseconds responseDelay{0};
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg = argv[i];
         if (arg == "--help" || arg == "-h") {
@@ -37,6 +43,8 @@ int main(int argc, char** argv)
         }
         if (arg == "--wire-time") {
             options.wireTime = true;
+        } else if (arg == "--response-delay" && i + 1 < argc) {
+            responseDelay = std::chrono::milliseconds(std::atoi(argv[++i]));
         } else if (arg == "--revision" && i + 1 < argc) {
             options.revision = argv[++i];
         } else if (arg == "--link-dir" && i + 1 < argc) {
@@ -68,6 +76,7 @@ int main(int argc, char** argv)
         std::cerr << "dravinel-sim: could not start the simulated device\n";
         return 1;
     }
+    simulator.setResponseDelay(responseDelay);
     std::cout << simulator.portPath() << std::endl;
     std::cerr << "dravinel-sim: serving " << simulator.slavePath() << "\n";
 
