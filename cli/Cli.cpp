@@ -1,38 +1,39 @@
 #include "cli/Cli.h"
 
+#include "cli/Arguments.h"
+#include "cli/Assignments.h"
 #include "cli/DeviceSession.h"
+#include "cli/Echo.h"
 #include "cli/EventQueue.h"
-#include "cli/Json.h"
-#include "cli/Settings.h"
+#include "device/Backup.h"
 #include "protocol/Globals.h"
-#include "serial/SerialCommunication.h"
 #include "serial/serial.h"
+#include "support/Files.h"
 #include "support/Logger.h"
-#include "support/NotificationCenter.h"
+
+#include <nlohmann/json.hpp>
 
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
+#include <cmath>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <mutex>
-#include <sstream>
 
 namespace dravinel::cli {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using namespace std::chrono_literals;
+using Json = nlohmann::ordered_json;
 
 constexpr const char* kProgram = "dravinel-cli";
 // The device's raw battery reading in units per volt.
 constexpr double kBatteryUnitsPerVolt = 111.0;
-// The logger's levels for -v and -vv.
-constexpr std::int32_t kLogInfo = 3;
-constexpr std::int32_t kLogDebug = 4;
+// The logger's levels for -v (warnings and errors) and -vv (everything).
+constexpr std::int32_t kLogWarnings = 2;
+constexpr std::int32_t kLogEverything = 4;
 // The motor test sends a sample every few tens of milliseconds; this much silence means it ended
 // or the device went away.
 constexpr std::chrono::seconds kMotorSilence{5};
@@ -50,6 +51,14 @@ public:
     {
         std::lock_guard lock(m_mutex);
         m_err << kProgram << ": " << text << '\n' << std::flush;
+    }
+    // A log entry as one line: the frame trace carries the frame's own LF CR.
+    void entry(std::string_view text)
+    {
+        while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+            text.remove_suffix(1);
+        std::lock_guard lock(m_mutex);
+        m_err << text << '\n' << std::flush;
     }
     void raw(const std::string& text)
     {
@@ -69,8 +78,10 @@ class LogRouting
 public:
     LogRouting(ErrorStream& err, int verbosity) : m_previousLevel(Logger::getInstance().getLevel())
     {
-        Logger::getInstance().setLevel(verbosity == 0 ? 0 : verbosity == 1 ? kLogInfo : kLogDebug);
-        Logger::getInstance().setSink([&err](const std::string& entry) { err.raw(entry); });
+        Logger::getInstance().setLevel(verbosity == 0   ? 0
+                                       : verbosity == 1 ? kLogWarnings
+                                                        : kLogEverything);
+        Logger::getInstance().setSink([&err](const std::string& entry) { err.entry(entry); });
     }
     ~LogRouting()
     {
@@ -84,60 +95,10 @@ private:
     std::int32_t m_previousLevel;
 };
 
-// Keeps the first frame the device sends after arm(), so that a write the device did not confirm
-// can be reported with what came back instead. Made before the device manager, so it is the first
-// observer and sees every frame before the transaction that waits for it can return: the answer
-// to one write never shows up as the answer to the next.
-class AnswerTap
+std::string cameBack(const std::optional<std::string>& answer)
 {
-public:
-    AnswerTap()
-    {
-        m_token = NotificationCenter::defaultCenter().observe(ComOnIncomingFrame,
-                                                              [this](const Notification& n) {
-                                                                  auto data = n.bytes("data");
-                                                                  std::lock_guard lock(m_mutex);
-                                                                  if (m_armed && !m_first && data)
-                                                                      m_first = std::move(*data);
-                                                              });
-    }
-    ~AnswerTap() { NotificationCenter::defaultCenter().remove(m_token); }
-    AnswerTap(const AnswerTap&) = delete;
-    AnswerTap& operator=(const AnswerTap&) = delete;
-
-    void arm()
-    {
-        std::lock_guard lock(m_mutex);
-        m_armed = true;
-        m_first.reset();
-    }
-    // The answer as printable text without its line ends, or nothing if none came.
-    std::optional<std::string> answer() const
-    {
-        std::lock_guard lock(m_mutex);
-        if (!m_first)
-            return std::nullopt;
-        std::string text;
-        for (const auto byte : *m_first) {
-            if (byte == END_1 || byte == END_2)
-                continue;
-            if (byte >= 0x20 && byte < 0x7F) {
-                text += static_cast<char>(byte);
-            } else {
-                char escaped[8];
-                std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(byte));
-                text += escaped;
-            }
-        }
-        return text;
-    }
-
-private:
-    mutable std::mutex m_mutex;
-    bool m_armed = false;
-    std::optional<Bytes> m_first;
-    NotificationCenter::Token m_token = 0;
-};
+    return answer ? "the device answered wrongly: " + echo(*answer) : "the device did not answer";
+}
 
 std::string padded(std::string_view text, std::size_t width)
 {
@@ -160,20 +121,10 @@ std::string formatFixed(double value, int decimals)
     return ec == std::errc() ? std::string(buffer, end) : std::string("?");
 }
 
-std::optional<std::uint32_t> parseCount(std::string_view text)
+// The device's texts may hold bytes that are not UTF-8; they are replaced, never thrown over.
+std::string dump(const Json& json)
 {
-    std::uint32_t value = 0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || ec != std::errc() || end != text.data() + text.size() || value == 0)
-        return std::nullopt;
-    return value;
-}
-
-std::string unconfirmedMessage(const Setting& setting, std::uint16_t value, const AnswerTap& tap)
-{
-    const auto answer = tap.answer();
-    return "the device did not confirm " + std::string(setting.name) + "=" + std::to_string(value) +
-           ": " + (answer ? "it answered \"" + *answer + "\"" : std::string("no answer"));
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 // Everything one command needs.
@@ -182,6 +133,12 @@ struct Context
     const Options& options;
     std::ostream& out;
     ErrorStream& err;
+
+    int interrupted(const std::string& what)
+    {
+        err.line("interrupted" + (what.empty() ? std::string() : "; " + what));
+        return kExitInterrupted;
+    }
 };
 
 // Connects, or reports why not; returns the exit code of a failed connection.
@@ -191,7 +148,7 @@ std::optional<int> connect(Context& c, DeviceSession& session)
     case DeviceSession::Result::Connected:
         return std::nullopt;
     case DeviceSession::Result::Interrupted:
-        return kExitInterrupted;
+        return c.interrupted("");
     case DeviceSession::Result::DemoFailed:
         c.err.line("could not start the built-in simulated device");
         return kExitFailed;
@@ -213,19 +170,17 @@ int runPorts(Context& c)
         if (path != c.options.port)
             paths.push_back(std::move(path));
 
-    std::vector<JsonObject> entries;
+    Json entries = Json::array();
     for (const auto& path : paths) {
         const bool marked = path.find(PRODUCT_WORD) != std::string::npos;
         const bool given = path == c.options.port;
-        if (c.options.json) {
-            entries.push_back(
-                JsonObject().add("path", path).add("dravinel", marked).add("given", given));
-        } else {
+        if (c.options.json)
+            entries.push_back({{"path", path}, {"dravinel", marked}, {"given", given}});
+        else
             c.out << (marked ? "* " : "  ") << path << (given ? "  (--port)" : "") << '\n';
-        }
     }
     if (c.options.json)
-        c.out << JsonObject().add("ports", entries).str() << '\n';
+        c.out << dump({{"ports", entries}}) << '\n';
     return kExitOk;
 }
 
@@ -241,13 +196,13 @@ int runInfo(Context& c, DeviceManager& device)
         c.err.line("the device did not answer the battery read");
         return kExitFailed;
     }
+    if (interruptRequested())
+        return c.interrupted("");
     const double volts = raw / kBatteryUnitsPerVolt;
     if (c.options.json) {
-        c.out << JsonObject()
-                     .add("revision", *revision)
-                     .add("battery_raw", static_cast<std::int64_t>(raw))
-                     .addFixed("battery_volts", volts, 2)
-                     .str()
+        c.out << dump({{"revision", *revision},
+                       {"battery_raw", raw},
+                       {"battery_volts", std::round(volts * 100) / 100}})
               << '\n';
     } else {
         c.out << padded("revision", 10) << *revision << '\n'
@@ -263,145 +218,193 @@ int runGet(Context& c, DeviceManager& device)
         c.err.line("the device did not answer the settings read");
         return kExitFailed;
     }
-    JsonObject json;
-    for (const auto& setting : settings()) {
-        const std::uint16_t value = ((*data).*setting.get)();
-        json.add(setting.key, static_cast<std::int64_t>(value));
+    if (interruptRequested())
+        return c.interrupted("");
+    Json json = Json::object();
+    for (const auto& info : kSettings) {
+        json[std::string(info.jsonKey)] = data->get(info.id);
         if (!c.options.json)
-            c.out << padded(setting.name, kNameWidth) << value << '\n';
+            c.out << padded(info.cliName, kNameWidth) << data->get(info.id) << '\n';
     }
     if (c.options.json)
-        c.out << json.str() << '\n';
+        c.out << dump(json) << '\n';
     return kExitOk;
 }
 
 // The keep-alive read is off while writing, so that its answer cannot be mistaken for an echo;
 // the first one would come 3 s after the connection, long after this is turned off.
-int runSet(Context& c, DeviceManager& device, AnswerTap& tap,
-           const std::vector<Assignment>& assignments)
+int runSet(Context& c, DeviceManager& device, const std::vector<Assignment>& assignments)
 {
     device.enableKeepaliveCheck(false);
-    JsonObject json;
+    Json json = Json::object();
     int result = kExitOk;
     for (std::size_t i = 0; i < assignments.size(); ++i) {
         const auto& [setting, value] = assignments[i];
-        tap.arm();
-        if (!(device.*setting->save)(value).confirmed) {
-            std::string message = unconfirmedMessage(*setting, value, tap);
+        // Between writes only: a write in flight is never cut short.
+        if (interruptRequested()) {
+            result = c.interrupted(std::to_string(i) + " of " + std::to_string(assignments.size()) +
+                                   " settings written; the others were not");
+            break;
+        }
+        const WriteResult written = device.save(setting->id, value);
+        if (!written.confirmed) {
+            std::string message = std::string(setting->cliName) + "=" + std::to_string(value) +
+                                  " was not confirmed: " + cameBack(written.answer);
             if (i + 1 < assignments.size())
                 message += "; the remaining writes were not attempted";
             c.err.line(message);
             result = kExitFailed;
             break;
         }
-        json.add(setting->key, static_cast<std::int64_t>(value));
+        json[std::string(setting->jsonKey)] = value;
         if (!c.options.json)
-            c.out << padded(setting->name, kNameWidth) << padded(std::to_string(value), 7)
+            c.out << padded(setting->cliName, kNameWidth) << padded(std::to_string(value), 7)
                   << "confirmed\n";
     }
     if (c.options.json)
-        c.out << json.str() << '\n';
+        c.out << dump(json) << '\n';
     return result;
 }
 
-int runBackup(Context& c, DeviceManager& device, const std::string& file)
+int runBackup(Context& c, DeviceManager& device, const std::string& target)
 {
     const auto data = device.readSettings();
     if (!data) {
         c.err.line("the device did not answer the settings read");
         return kExitFailed;
     }
+    if (interruptRequested())
+        return c.interrupted("nothing was saved");
     const std::string revision = device.getRevision();
-    // Written beside the target and renamed over it, so an earlier backup is never left half
-    // overwritten.
-    const std::string temporary = file + ".tmp";
-    {
-        std::ofstream stream(temporary, std::ios::trunc);
-        stream << formatBackup(revision, *data);
-        stream.close();
-        if (!stream) {
-            const int error = errno;
-            c.err.line("cannot write " + temporary + ": " + std::strerror(error));
-            std::remove(temporary.c_str());
-            return kExitFailed;
-        }
-    }
-    if (std::rename(temporary.c_str(), file.c_str()) != 0) {
-        const int error = errno;
-        c.err.line("cannot rename " + temporary + " to " + file + ": " + std::strerror(error));
-        std::remove(temporary.c_str());
+    if (const auto failure = replaceFile(target, formatBackup(revision, *data))) {
+        c.err.line("cannot save the backup: " + describeFileError(*failure));
         return kExitFailed;
     }
     if (c.options.json) {
-        JsonObject json;
-        json.add("file", file).add("revision", revision);
-        for (const auto& setting : settings())
-            json.add(setting.key, static_cast<std::int64_t>(((*data).*setting.get)()));
-        c.out << json.str() << '\n';
+        Json json = {{"file", c.options.file}, {"revision", revision}};
+        for (const auto& info : kSettings)
+            json[std::string(info.jsonKey)] = data->get(info.id);
+        c.out << dump(json) << '\n';
     } else {
-        c.out << "revision " << revision << " and 6 settings saved to " << file << '\n';
+        c.out << "revision " << revision << " and 6 settings saved to " << c.options.file << '\n';
     }
     return kExitOk;
 }
 
-int runRestore(Context& c, DeviceManager& device, AnswerTap& tap, const std::string& file,
-               const Backup& backup)
+// A restore writes all six settings or, if one is not confirmed, puts back every value it wrote,
+// so the device is never left holding half a backup. Only an interruption leaves it half written,
+// as asked: nothing more is sent after Ctrl-C.
+int runRestore(Context& c, DeviceManager& device, const Backup& backup)
 {
+    const std::string revision = device.getRevision();
+    if (!c.options.force && backup.revision != revision) {
+        c.err.line(c.options.file +
+                   (backup.revision ? " is a backup of firmware revision " + echo(*backup.revision)
+                                    : " does not say which firmware revision it is from") +
+                   ", the device has revision " + echo(revision) +
+                   "; nothing was written (--force restores it anyway)");
+        return kExitBadInput;
+    }
     device.enableKeepaliveCheck(false);
-    // The values before the restore are for the record; a failed read does not stop the restore.
+    // Read first: the values to put back if a write fails.
     const auto before = device.readSettings();
-    enum class Outcome { Confirmed, NotConfirmed, NotAttempted };
-    std::array<Outcome, 6> outcomes;
-    outcomes.fill(Outcome::NotAttempted);
-    int result = kExitOk;
-    std::string failure;
-    for (std::size_t i = 0; i < settings().size() && result == kExitOk; ++i) {
-        const auto& setting = settings()[i];
-        tap.arm();
-        if ((device.*setting.save)(backup.values[i]).confirmed) {
-            outcomes[i] = Outcome::Confirmed;
-        } else {
-            outcomes[i] = Outcome::NotConfirmed;
-            failure = tap.answer() ? "answered \"" + *tap.answer() + "\"" : "no answer";
-            std::string message = unconfirmedMessage(setting, backup.values[i], tap);
-            if (i + 1 < settings().size())
-                message += "; the remaining writes were not attempted";
-            c.err.line(message);
-            result = kExitFailed;
+    if (!before) {
+        c.err.line("the device did not answer the settings read; nothing was written");
+        return kExitFailed;
+    }
+
+    enum class Step { NotAttempted, Confirmed, Failed };
+    struct Row
+    {
+        Step step = Step::NotAttempted;
+        std::string failure;
+        std::optional<bool> putBack;
+    };
+    std::array<Row, kSettings.size()> rows;
+    std::optional<std::size_t> failedAt;
+    std::optional<std::size_t> interruptedAt;
+    for (std::size_t i = 0; i < kSettings.size(); ++i) {
+        if (interruptRequested()) {
+            interruptedAt = i;
+            break;
+        }
+        const auto& info = kSettings[i];
+        const WriteResult written = device.save(info.id, backup.settings.get(info.id));
+        if (written.confirmed) {
+            rows[i].step = Step::Confirmed;
+            continue;
+        }
+        rows[i].step = Step::Failed;
+        rows[i].failure = cameBack(written.answer);
+        failedAt = i;
+        break;
+    }
+    // The setting that failed is put back too: the device may hold a value it did not confirm.
+    // This runs to its end even after Ctrl-C, which would otherwise leave exactly the mix that
+    // it repairs.
+    if (failedAt) {
+        for (std::size_t i = 0; i <= *failedAt; ++i) {
+            const auto& info = kSettings[i];
+            rows[i].putBack = device.save(info.id, before->get(info.id)).confirmed;
         }
     }
 
     if (c.options.json) {
-        JsonObject json;
-        json.add("file", file);
-        for (std::size_t i = 0; i < settings().size(); ++i) {
-            const auto& setting = settings()[i];
-            JsonObject entry;
-            if (before)
-                entry.add("before", static_cast<std::int64_t>(((*before).*setting.get)()));
-            else
-                entry.addNull("before");
-            entry.add("written", static_cast<std::int64_t>(backup.values[i]))
-                .add("attempted", outcomes[i] != Outcome::NotAttempted)
-                .add("confirmed", outcomes[i] == Outcome::Confirmed);
-            json.add(setting.key, entry);
+        Json json = {{"file", c.options.file}};
+        for (std::size_t i = 0; i < kSettings.size(); ++i) {
+            const auto& info = kSettings[i];
+            json[std::string(info.jsonKey)] = {
+                {"before", before->get(info.id)},
+                {"written", backup.settings.get(info.id)},
+                {"attempted", rows[i].step != Step::NotAttempted},
+                {"confirmed", rows[i].step == Step::Confirmed},
+                {"put_back", rows[i].putBack ? Json(*rows[i].putBack) : Json(nullptr)}};
         }
-        c.out << json.str() << '\n';
-        return result;
+        c.out << dump(json) << '\n';
+    } else {
+        c.out << padded("setting", kNameWidth) << "before  written  confirmed\n";
+        for (std::size_t i = 0; i < kSettings.size(); ++i) {
+            const auto& info = kSettings[i];
+            const Row& row = rows[i];
+            std::string verdict = row.step == Step::Confirmed ? "yes"
+                                  : row.step == Step::Failed  ? "NO (" + row.failure + ")"
+                                                              : "not attempted";
+            if (row.putBack)
+                verdict += *row.putBack ? ", put back" : ", NOT put back";
+            c.out << padded(info.cliName, kNameWidth)
+                  << rightAligned(std::to_string(before->get(info.id)), 6)
+                  << rightAligned(std::to_string(backup.settings.get(info.id)), 9) << "  "
+                  << verdict << '\n';
+        }
     }
-    c.out << padded("setting", kNameWidth) << "before  written  confirmed\n";
-    for (std::size_t i = 0; i < settings().size(); ++i) {
-        const auto& setting = settings()[i];
-        const std::string was = before ? std::to_string(((*before).*setting.get)()) : "?";
-        std::string verdict = "not attempted";
-        if (outcomes[i] == Outcome::Confirmed)
-            verdict = "yes";
-        else if (outcomes[i] == Outcome::NotConfirmed)
-            verdict = "NO (" + failure + ")";
-        c.out << padded(setting.name, kNameWidth) << rightAligned(was, 6)
-              << rightAligned(std::to_string(backup.values[i]), 9) << "  " << verdict << '\n';
-    }
-    return result;
+
+    if (interruptedAt)
+        return c.interrupted(std::to_string(*interruptedAt) +
+                             " of the 6 settings written; the others were not");
+    if (!failedAt)
+        return kExitOk;
+    const std::string failed(kSettings[*failedAt].cliName);
+    const std::size_t earlier = *failedAt;
+    std::string message = "restore failed at " + failed + "; ";
+    std::string earlierNotPutBack;
+    for (std::size_t i = 0; i < earlier; ++i)
+        if (!*rows[i].putBack)
+            earlierNotPutBack +=
+                (earlierNotPutBack.empty() ? "" : ", ") + std::string(kSettings[i].cliName);
+    if (earlier == 0)
+        message += "nothing was written before it";
+    else if (earlierNotPutBack.empty())
+        message += "the " + std::to_string(earlier) + " setting" + (earlier == 1 ? "" : "s") +
+                   " written before it " + (earlier == 1 ? "was" : "were") + " put back";
+    else
+        message += "of the " + std::to_string(earlier) + " settings written before it, " +
+                   earlierNotPutBack + " could not be put back";
+    if (!*rows[earlier].putBack)
+        message += "; " + failed + " itself could not be put back";
+    c.err.line(failed + "=" + std::to_string(backup.settings.get(kSettings[earlier].id)) +
+               " was not confirmed: " + rows[earlier].failure);
+    c.err.line(message);
+    return kExitFailed;
 }
 
 int runMonitorMotor(Context& c, DeviceManager& device)
@@ -415,7 +418,8 @@ int runMonitorMotor(Context& c, DeviceManager& device)
     std::uint32_t samples = 0;
     int done = 0;
     int result = kExitOk;
-    while (done < 2 && (!c.options.count || samples < *c.options.count)) {
+    // Ends too when the output cannot be written: nobody would see the rest.
+    while (done < 2 && (!c.options.count || samples < *c.options.count) && c.out) {
         EventQueue::Event event;
         const auto wait = events.next(Clock::now() + kMotorSilence, event);
         if (wait == EventQueue::Wait::Interrupted)
@@ -434,7 +438,7 @@ int runMonitorMotor(Context& c, DeviceManager& device)
         else
             ++samples;
         if (c.options.json)
-            c.out << JsonObject().add("ms", ms).add(isDone ? "done" : "current", event.value).str();
+            c.out << dump({{"ms", ms}, {isDone ? "done" : "current", event.value}});
         else
             c.out << rightAligned(std::to_string(ms), 6) << " ms  "
                   << padded(isDone ? "done" : "current", 9) << event.value;
@@ -451,7 +455,7 @@ int runMonitorPoll(Context& c, DeviceManager& device, bool infraRed)
     device.enableKeepaliveCheck(false);
     const auto start = Clock::now();
     int result = kExitOk;
-    for (std::uint32_t n = 0; !c.options.count || n < *c.options.count; ++n) {
+    for (std::uint32_t n = 0; (!c.options.count || n < *c.options.count) && c.out; ++n) {
         // Paced from the start, so the readings keep their one-second rhythm.
         if (n > 0) {
             // Nothing is posted to this queue: it only waits for the tick or for Ctrl-C.
@@ -470,7 +474,7 @@ int runMonitorPoll(Context& c, DeviceManager& device, bool infraRed)
         const auto ms =
             std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
         if (c.options.json)
-            c.out << JsonObject().add("ms", ms).add(label, static_cast<std::int64_t>(value)).str();
+            c.out << dump({{"ms", ms}, {label, value}});
         else
             c.out << rightAligned(std::to_string(ms), 6) << " ms  " << padded(label, 9) << value;
         c.out << '\n' << std::flush;
@@ -481,27 +485,15 @@ int runMonitorPoll(Context& c, DeviceManager& device, bool infraRed)
 
 int runSaveExit(Context& c, DeviceManager& device)
 {
+    if (interruptRequested())
+        return c.interrupted("save-and-exit was not sent");
     device.saveAndExit();
     if (c.options.json)
-        c.out << JsonObject().add("sent", "save-exit").str() << '\n';
+        c.out << dump({{"sent", "save-exit"}}) << '\n';
     else
         c.out << "save-and-exit sent; the device stores its settings and leaves configuration "
                  "mode\n";
     return kExitOk;
-}
-
-bool readFile(const std::string& path, std::string& text, std::string& error)
-{
-    std::ifstream stream(path, std::ios::binary);
-    if (!stream) {
-        const int code = errno;
-        error = "cannot read " + path + ": " + std::strerror(code);
-        return false;
-    }
-    std::ostringstream buffer;
-    buffer << stream.rdbuf();
-    text = buffer.str();
-    return true;
 }
 
 int run(const Options& options, std::ostream& out, ErrorStream& err)
@@ -511,184 +503,99 @@ int run(const Options& options, std::ostream& out, ErrorStream& err)
         err.line(message);
         return kExitBadInput;
     };
-    const auto needArguments = [&](std::size_t count, const char* what) {
-        return options.arguments.size() == count
-                   ? std::optional<int>()
-                   : std::optional<int>(bad(options.command + " takes " + what));
-    };
-    if (options.count && options.command != "monitor")
-        return bad("--count belongs to monitor");
 
     // Every check of the input comes before the connection: bad input sends nothing at all.
-    const std::string& command = options.command;
     std::vector<Assignment> assignments;
-    std::optional<Backup> backup;
-    if (command == "ports") {
-        if (auto e = needArguments(0, "no arguments"))
-            return *e;
+    Backup backup;
+    std::string target;
+    switch (options.command) {
+    case Command::Ports:
         return runPorts(c);
-    } else if (command == "info" || command == "get" || command == "save-exit") {
-        if (auto e = needArguments(0, "no arguments"))
-            return *e;
-    } else if (command == "set") {
+    case Command::Set: {
         std::string error;
-        auto parsed = parseAssignments(options.arguments, error);
+        auto parsed = parseAssignments(options.assignments, error);
         if (!parsed)
             return bad(error);
         assignments = std::move(*parsed);
-    } else if (command == "backup") {
-        if (auto e = needArguments(1, "one FILE"))
-            return *e;
-    } else if (command == "restore") {
-        if (auto e = needArguments(1, "one FILE"))
-            return *e;
+        break;
+    }
+    case Command::Backup:
+        if (const auto failure = resolveReplaceTarget(options.file, target))
+            return bad("cannot save a backup there: " + describeFileError(*failure));
+        break;
+    case Command::Restore: {
         std::string text;
+        if (const auto failure = readSmallFile(options.file, kLargestBackupFile, text))
+            return bad("cannot restore: " + describeFileError(*failure));
         std::string error;
-        if (!readFile(options.arguments[0], text, error))
-            return bad(error);
-        backup = parseBackup(text, error);
-        if (!backup)
-            return bad(options.arguments[0] + ": " + error);
-    } else if (command == "monitor") {
-        if (auto e = needArguments(1, "one of motor, ir, position"))
-            return *e;
-        const auto& kind = options.arguments[0];
-        if (kind != "motor" && kind != "ir" && kind != "position")
-            return bad("monitor takes motor, ir or position, not '" + kind + "'");
-    } else {
-        return bad("unknown command '" + command + "' (see --help)");
+        auto parsed = parseBackup(text, error);
+        if (!parsed)
+            return bad(options.file + ": " + error);
+        backup = std::move(*parsed);
+        break;
+    }
+    case Command::Info:
+    case Command::Get:
+    case Command::Monitor:
+    case Command::SaveExit:
+        break;
     }
 
-    AnswerTap tap;
     DeviceSession session;
     if (auto failed = connect(c, session))
         return *failed;
     DeviceManager& device = session.device();
-    if (command == "info")
+    switch (options.command) {
+    case Command::Ports:
+        break;
+    case Command::Info:
         return runInfo(c, device);
-    if (command == "get")
+    case Command::Get:
         return runGet(c, device);
-    if (command == "set")
-        return runSet(c, device, tap, assignments);
-    if (command == "backup")
-        return runBackup(c, device, options.arguments[0]);
-    if (command == "restore")
-        return runRestore(c, device, tap, options.arguments[0], *backup);
-    if (command == "save-exit")
+    case Command::Set:
+        return runSet(c, device, assignments);
+    case Command::Backup:
+        return runBackup(c, device, target);
+    case Command::Restore:
+        return runRestore(c, device, backup);
+    case Command::SaveExit:
         return runSaveExit(c, device);
-    if (options.arguments[0] == "motor")
-        return runMonitorMotor(c, device);
-    return runMonitorPoll(c, device, options.arguments[0] == "ir");
+    case Command::Monitor:
+        if (options.monitor == MonitorKind::Motor)
+            return runMonitorMotor(c, device);
+        return runMonitorPoll(c, device, options.monitor == MonitorKind::IR);
+    }
+    return kExitOk;
 }
 
 } // namespace
 
-std::string usageText()
-{
-    return "Usage: dravinel-cli [--port PATH] [--demo] [--json] [-v|-vv] COMMAND [ARGS]\n"
-           "\n"
-           "Commands:\n"
-           "  ports                      every serial port of the machine; those that carry "
-           "\"Dravinel\" marked\n"
-           "  info                       firmware revision and battery (raw reading and volts, "
-           "raw / 111.0)\n"
-           "  get                        the six settings\n"
-           "  set NAME=VALUE [...]       write settings, each confirmed by the device's echo\n"
-           "  monitor motor|ir|position [--count N]\n"
-           "                             motor: runs the motor test and prints each current "
-           "sample until the\n"
-           "                             second done value (or N samples); ir/position: one "
-           "reading per second\n"
-           "  backup FILE                the six settings (and the revision) into a JSON file\n"
-           "  restore FILE               write the six settings of a JSON file, each confirmed "
-           "by its echo\n"
-           "  save-exit                  tell the device to save and leave configuration mode\n"
-           "\n"
-           "Options:\n"
-           "  --port PATH   try this port first, before the ports that carry \"Dravinel\"\n"
-           "  --demo        talk to a simulated device inside this process\n"
-           "  --json        print one JSON object (monitor: one object per line)\n"
-           "  -v, -vv       log to standard error: information, or everything with the frames\n"
-           "  -h, --help    show this text\n"
-           "\n"
-           "Settings: current-limit, ir-detection, positive-rotation, negative-rotation,\n"
-           "motor-speed, cycle-timeout (minutes); values are whole numbers 0 to 65535.\n"
-           "JSON keys are the same names with underscores.\n"
-           "\n"
-           "Exit codes: 0 done; 1 the device did not answer or confirm; 2 bad input, nothing\n"
-           "sent; 3 no device found; 130 interrupted (Ctrl-C ends a monitor with 0).\n";
-}
-
-std::optional<Options> parseArguments(const std::vector<std::string>& args, std::string& error)
-{
-    Options options;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        if (arg == "--port" || arg == "--count") {
-            if (i + 1 >= args.size()) {
-                error = arg + " needs a value";
-                return std::nullopt;
-            }
-            const std::string& value = args[++i];
-            if (arg == "--port") {
-                if (value.empty()) {
-                    error = "--port needs a path";
-                    return std::nullopt;
-                }
-                options.port = value;
-            } else {
-                options.count = parseCount(value);
-                if (!options.count) {
-                    error = "--count needs a whole number above 0, not '" + value + "'";
-                    return std::nullopt;
-                }
-            }
-        } else if (arg == "--demo") {
-            options.demo = true;
-        } else if (arg == "--json") {
-            options.json = true;
-        } else if (arg == "-v") {
-            options.verbosity = std::max(options.verbosity, 1);
-        } else if (arg == "-vv") {
-            options.verbosity = 2;
-        } else if (arg == "-h" || arg == "--help") {
-            options.help = true;
-        } else if (arg.size() > 1 && arg[0] == '-') {
-            error = "unknown option '" + arg + "' (see --help)";
-            return std::nullopt;
-        } else if (options.command.empty()) {
-            options.command = arg;
-        } else {
-            options.arguments.push_back(arg);
-        }
-    }
-    if (options.demo && options.port) {
-        error = "--demo and --port exclude each other";
-        return std::nullopt;
-    }
-    if (options.command.empty() && !options.help) {
-        error = "no command given (see --help)";
-        return std::nullopt;
-    }
-    return options;
-}
-
 int runCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
 {
     ErrorStream errors(err);
-    std::string error;
-    const auto options = parseArguments(args, error);
-    if (!options) {
-        errors.line(error);
+    const ParsedArguments parsed = parseArguments(args);
+    int code = kExitOk;
+    if (!parsed.options && !parsed.error.empty()) {
+        errors.line(parsed.error);
         return kExitBadInput;
     }
-    if (options->help) {
-        out << usageText();
-        return kExitOk;
+    if (!parsed.options) {
+        out << parsed.text;
+    } else {
+        clearInterrupt();
+        const LogRouting logging(errors, parsed.options->verbosity);
+        code = run(*parsed.options, out, errors);
     }
-    clearInterrupt();
-    const LogRouting logging(errors, options->verbosity);
-    return run(*options, out, errors);
+    // The result is what a script runs the command for: losing it is a failure.
+    errno = 0;
+    out.flush();
+    if (!out) {
+        const int error = errno;
+        errors.line("could not write the output" +
+                    (error != 0 ? ": " + std::string(std::strerror(error)) : std::string()));
+        return code == kExitOk ? kExitFailed : code;
+    }
+    return code;
 }
 
 } // namespace dravinel::cli

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <cstdint>
 #include <iosfwd>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,31 +10,16 @@ namespace dravinel::cli {
 
 // Exit codes.
 inline constexpr int kExitOk = 0;
-inline constexpr int kExitFailed = 1;   // the device did not answer or did not confirm
-inline constexpr int kExitBadInput = 2; // nothing was sent to the device
+inline constexpr int kExitFailed = 1;   // the device did not answer or confirm, or no output
+inline constexpr int kExitBadInput = 2; // nothing was written to the device
 inline constexpr int kExitNoDevice = 3; // the scan found no device
 inline constexpr int kExitInterrupted = 130;
 
-struct Options
-{
-    std::optional<std::string> port;
-    bool demo = false;
-    bool json = false;
-    int verbosity = 0; // -v 1, -vv 2
-    bool help = false;
-    std::string command;
-    std::vector<std::string> arguments; // the command's own, in order
-    std::optional<std::uint32_t> count; // monitor --count N
-};
+// Backups are a few hundred bytes; a file much larger is not one and is not read whole.
+inline constexpr std::size_t kLargestBackupFile = 1024 * 1024;
 
-// Global options may stand before or after the command. On failure returns nothing and sets
-// error to one line.
-std::optional<Options> parseArguments(const std::vector<std::string>& args, std::string& error);
-
-std::string usageText();
-
-// Runs one command line (without the program name); returns the exit code. stdout gets only the
-// result, err the error lines and, with -v, the log.
+// Runs one command line (without the program name); returns the exit code. out gets only the
+// result, err the error lines and, with -v, the log. A failed write to out is exit code 1.
 int runCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 } // namespace dravinel::cli

@@ -10,7 +10,7 @@
 #include <unistd.h>
 #include <vector>
 
-// The dravinel-cli program: the signal handling around runCli. Ctrl-C reaches the command
+// The dravinel-cli program: the signal handling around runCli. Ctrl-C and SIGTERM reach the command
 // through a pipe, as a signal handler may do little more than write a byte.
 
 namespace {

@@ -1,0 +1,154 @@
+#include "cli/Arguments.h"
+
+#include "cli/Echo.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <charconv>
+#include <sstream>
+
+namespace dravinel::cli {
+
+namespace {
+
+constexpr const char* kFooter =
+    R"(Settings: current-limit, ir-detection, positive-rotation, negative-rotation,
+motor-speed, cycle-timeout (minutes); values are whole numbers 0 to 65535. In JSON
+and backup files the same names are written with underscores.
+
+Exit codes: 0 done; 1 the device did not answer or confirm, or the output could not
+be written; 2 bad input, nothing written to the device; 3 no device found;
+130 interrupted by Ctrl-C or SIGTERM (a monitor ends with 0).)";
+
+std::optional<std::uint32_t> parseCount(std::string_view text)
+{
+    std::uint32_t value = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || ec != std::errc() || end != text.data() + text.size() || value == 0)
+        return std::nullopt;
+    return value;
+}
+
+// CLI11 quotes what it did not expect in full; a word longer than an echo is cut like one.
+std::string shortened(const std::string& message)
+{
+    std::string result;
+    std::istringstream words(message);
+    for (std::string word; words >> word;) {
+        if (!result.empty())
+            result += ' ';
+        result += word.size() > kEchoLength ? echo(word) : word;
+    }
+    return result;
+}
+
+} // namespace
+
+ParsedArguments parseArguments(const std::vector<std::string>& args)
+{
+    Options options;
+    std::string port;
+    std::string count;
+    std::string monitorKind;
+
+    CLI::App app{"Reads, writes, backs up and restores the settings of a Dravinel device, and\n"
+                 "monitors its motor test and sensors.",
+                 "dravinel-cli"};
+    // Options of the program may follow the command too: "dravinel-cli get --json".
+    app.fallthrough();
+    app.require_subcommand(1);
+    app.set_version_flag("--version", std::string("dravinel-cli ") + DRAVINEL_VERSION,
+                         "show the program's version");
+    app.set_help_flag("-h,--help", "show this text (after a command: the command's)");
+    auto* portOption =
+        app.add_option("--port", port, "try this serial port first")->type_name("PATH");
+    app.add_flag("--demo", options.demo, "talk to a simulated device inside this program")
+        ->excludes(portOption);
+    app.add_flag("--json", options.json, "print one JSON object (monitor: one a line)");
+    app.add_flag("-v", options.verbosity,
+                 "log warnings and errors to standard error; -vv everything, with the frames");
+
+    const auto command = [&](const char* name, const char* description, Command id) {
+        auto* sub = app.add_subcommand(name, description);
+        sub->callback([&options, id] { options.command = id; });
+        return sub;
+    };
+    command("ports", "list the machine's serial ports; those that carry \"Dravinel\" marked *",
+            Command::Ports);
+    command("info", "firmware revision and battery (raw reading and volts)", Command::Info);
+    command("get", "the six settings", Command::Get);
+    command("set", "write settings, each confirmed by the device's echo", Command::Set)
+        ->add_option("NAME=VALUE", options.assignments, "a setting and its new value")
+        ->required();
+    auto* monitor =
+        command("monitor",
+                "motor: run the motor test and print each current sample until it is done; "
+                "ir, position: one reading a second",
+                Command::Monitor);
+    monitor->add_option("WHAT", monitorKind, "motor, ir or position")
+        ->required()
+        ->check(CLI::IsMember({"motor", "ir", "position"}));
+    monitor->add_option("--count", count, "stop after N samples or readings")->type_name("N");
+    command("backup", "save the revision and the six settings to a JSON file", Command::Backup)
+        ->add_option("FILE", options.file, "the backup file; replaced as a whole or not at all")
+        ->required();
+    auto* restore = command("restore",
+                            "write the six settings of a backup file, all of them or, if one "
+                            "fails, none",
+                            Command::Restore);
+    restore->add_option("FILE", options.file, "a file written by backup")->required();
+    restore->add_flag("--force", options.force,
+                      "restore a backup of another firmware revision, or of none");
+    command("save-exit", "tell the device to store its settings and leave configuration mode",
+            Command::SaveExit);
+    app.footer(kFooter);
+
+    // CLI11 takes the arguments last first.
+    std::vector<std::string> reversed(args.rbegin(), args.rend());
+    ParsedArguments result;
+    try {
+        app.parse(reversed);
+    } catch (const CLI::ParseError& e) {
+        std::ostringstream out;
+        std::ostringstream ignored;
+        if (app.exit(e, out, ignored) == 0) {
+            result.text = out.str();
+            return result;
+        }
+        result.error = shortened(e.what()) + " (see --help)";
+        // CLI11 reports a word that names no command as a missing one.
+        if (app.get_subcommands().empty()) {
+            for (const auto& word : app.remaining()) {
+                if (!word.starts_with('-')) {
+                    result.error = "unknown command " + echo(word) + " (see --help)";
+                    break;
+                }
+            }
+        }
+        return result;
+    }
+    if (!port.empty() || portOption->count() > 0) {
+        if (port.empty()) {
+            result.error = "--port needs a path";
+            return result;
+        }
+        options.port = port;
+    }
+    if (options.command == Command::Monitor) {
+        options.monitor = monitorKind == "motor" ? MonitorKind::Motor
+                          : monitorKind == "ir"  ? MonitorKind::IR
+                                                 : MonitorKind::Position;
+        if (!count.empty() || monitor->count("--count") > 0) {
+            options.count = parseCount(count);
+            if (!options.count) {
+                result.error = "--count needs a whole number above 0, not " + echo(count);
+                return result;
+            }
+        }
+    }
+    result.options = std::move(options);
+    return result;
+}
+
+} // namespace dravinel::cli

@@ -1,0 +1,71 @@
+#include "cli/Assignments.h"
+
+#include "cli/Echo.h"
+
+#include <charconv>
+
+namespace dravinel::cli {
+
+namespace {
+
+constexpr std::uint32_t kLargestValue = 65535;
+
+std::string knownNames()
+{
+    std::string names;
+    for (const auto& info : kSettings) {
+        if (!names.empty())
+            names += ", ";
+        names += info.cliName;
+    }
+    return names;
+}
+
+} // namespace
+
+std::optional<std::uint16_t> parseSettingValue(std::string_view text)
+{
+    if (text.empty())
+        return std::nullopt;
+    std::uint32_t value = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc() || end != text.data() + text.size() || value > kLargestValue)
+        return std::nullopt;
+    return static_cast<std::uint16_t>(value);
+}
+
+std::optional<std::vector<Assignment>> parseAssignments(const std::vector<std::string>& pairs,
+                                                        std::string& error)
+{
+    std::vector<Assignment> result;
+    for (const auto& pair : pairs) {
+        const auto equals = pair.find('=');
+        if (equals == std::string::npos) {
+            error = echo(pair) + " is not NAME=VALUE";
+            return std::nullopt;
+        }
+        const std::string_view name = std::string_view(pair).substr(0, equals);
+        const std::string_view text = std::string_view(pair).substr(equals + 1);
+        const SettingInfo* setting = findSettingByCliName(name);
+        if (setting == nullptr) {
+            error = "unknown setting " + echo(name) + " (known: " + knownNames() + ")";
+            return std::nullopt;
+        }
+        const auto value = parseSettingValue(text);
+        if (!value) {
+            error = std::string(setting->cliName) + ": " + echo(text) +
+                    " is not a whole number from 0 to 65535";
+            return std::nullopt;
+        }
+        for (const auto& earlier : result) {
+            if (earlier.setting == setting) {
+                error = std::string(setting->cliName) + " is given twice";
+                return std::nullopt;
+            }
+        }
+        result.push_back({setting, *value});
+    }
+    return result;
+}
+
+} // namespace dravinel::cli
