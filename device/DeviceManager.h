@@ -73,8 +73,8 @@ public:
 
     // The overloads with answer also hand back the device's first answer (without LF CR), valid
     // or not, or nothing when none came: a front end can then say what the device answered.
-    std::optional<std::string> readRevision() override;
-    std::optional<std::string> readRevision(std::optional<std::string>* answer);
+    std::optional<std::string> readRevision();
+    std::optional<std::string> readRevision(std::optional<std::string>* answer) override;
     std::string getRevision() const;
     // With answers, every answer that came, valid or not.
     std::optional<SettingsData> readSettings(std::vector<std::string>* answers = nullptr);

@@ -17,7 +17,8 @@ class ScanDelegate
 {
 public:
     virtual void setConnectionState(ConnectionState state) = 0;
-    virtual std::optional<std::string> readRevision() = 0;
+    // With answer, the first answer that came is handed back too, valid or not.
+    virtual std::optional<std::string> readRevision(std::optional<std::string>* answer) = 0;
     virtual std::uint16_t readVBatt() = 0;
     virtual void onMonitorFrameReceived(const Bytes& frame) = 0;
 

@@ -399,12 +399,13 @@ void SerialManager::threadScan(std::stop_token stop)
                     setSerial(channel);
                     const bool opened = channel->start();
                     if (opened) {
-                        bool present = m_deviceManager.readRevision().has_value();
+                        std::optional<std::string> answer;
+                        bool present = m_deviceManager.readRevision(&answer).has_value();
                         // A read cut short by stop() says nothing about the device.
                         if (present)
-                            recordAttempt({path, PortAttempt::Outcome::Answered, std::nullopt});
+                            recordAttempt({path, PortAttempt::Outcome::Answered, {}, {}});
                         else if (running())
-                            recordAttempt({path, PortAttempt::Outcome::NoAnswer, std::nullopt});
+                            recordAttempt({path, PortAttempt::Outcome::NoAnswer, {}, answer});
                         while (running() && serial() && present && m_scanning) {
                             m_deviceManager.setConnectionState(ConnectionState::Connected);
                             idleCycles = 0;
@@ -426,7 +427,7 @@ void SerialManager::threadScan(std::stop_token stop)
                             running() ? ConnectionState::Scanning : ConnectionState::Disconnecting);
                     } else {
                         recordAttempt(
-                            {path, PortAttempt::Outcome::CouldNotOpen, channel->lastError()});
+                            {path, PortAttempt::Outcome::CouldNotOpen, channel->lastError(), {}});
                     }
                     m_connected = false;
                     stopSerial();
