@@ -62,7 +62,8 @@ ParsedArguments parseArguments(const std::vector<std::string>& args)
                          "show the program's version");
     app.set_help_flag("-h,--help", "show this text (after a command: the command's)");
     auto* portOption =
-        app.add_option("--port", port, "try this serial port first")->type_name("PATH");
+        app.add_option("--port", port, "the device's serial port; no other port is tried")
+            ->type_name("PATH");
     app.add_flag("--demo", options.demo, "talk to a simulated device inside this program")
         ->excludes(portOption);
     app.add_flag("--json", options.json, "print one JSON object (monitor: one a line)");

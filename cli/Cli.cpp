@@ -71,8 +71,8 @@ private:
     std::ostream& m_err;
 };
 
-// Routes the engine's log to the error stream for as long as the command runs, and silences it
-// unless asked for; puts the logger back as it was afterwards.
+// Routes the engine's log and the serial module's messages to the error stream for as long as
+// the command runs, and silences both unless asked for; puts them back as they were afterwards.
 class LogRouting
 {
 public:
@@ -82,9 +82,14 @@ public:
                                        : verbosity == 1 ? kLogWarnings
                                                         : kLogEverything);
         Logger::getInstance().setSink([&err](const std::string& entry) { err.entry(entry); });
+        set_serial_message_sink([&err, verbosity](const std::string& message) {
+            if (verbosity > 0)
+                err.entry(message);
+        });
     }
     ~LogRouting()
     {
+        set_serial_message_sink({});
         Logger::getInstance().setSink({});
         Logger::getInstance().setLevel(m_previousLevel);
     }
@@ -95,9 +100,26 @@ private:
     std::int32_t m_previousLevel;
 };
 
+// Why a write was not confirmed: the device said something else, or nothing.
 std::string cameBack(const std::optional<std::string>& answer)
 {
     return answer ? "the device answered wrongly: " + echo(*answer) : "the device did not answer";
+}
+
+// Why a read gave no value, with every answer that came.
+std::string readFailure(const std::string& read, const std::vector<std::string>& answers)
+{
+    if (answers.empty())
+        return "the device did not answer the " + read;
+    std::string shown;
+    for (const auto& answer : answers)
+        shown += (shown.empty() ? "" : " ") + echo(answer);
+    return "the device answered the " + read + " wrongly: " + shown;
+}
+
+std::vector<std::string> asList(const std::optional<std::string>& answer)
+{
+    return answer ? std::vector<std::string>{*answer} : std::vector<std::string>{};
 }
 
 std::string padded(std::string_view text, std::size_t width)
@@ -186,14 +208,17 @@ int runPorts(Context& c)
 
 int runInfo(Context& c, DeviceManager& device)
 {
-    const auto revision = device.readRevision();
-    if (!revision) {
-        c.err.line("the device did not answer the revision request");
+    std::optional<std::string> answer;
+    // An empty revision names no firmware: a backup could not be matched to it.
+    const auto revision = device.readRevision(&answer);
+    if (!revision || revision->empty()) {
+        c.err.line(readFailure("revision request", asList(answer)));
         return kExitFailed;
     }
-    const std::uint16_t raw = device.readVBatt();
+    // 65535 is the engine's "no value", whatever the device meant by it.
+    const std::uint16_t raw = device.readVBatt(&answer);
     if (raw == VAL_UNDEF) {
-        c.err.line("the device did not answer the battery read");
+        c.err.line(readFailure("battery read", asList(answer)));
         return kExitFailed;
     }
     if (interruptRequested())
@@ -213,9 +238,10 @@ int runInfo(Context& c, DeviceManager& device)
 
 int runGet(Context& c, DeviceManager& device)
 {
-    const auto data = device.readSettings();
+    std::vector<std::string> answers;
+    const auto data = device.readSettings(&answers);
     if (!data) {
-        c.err.line("the device did not answer the settings read");
+        c.err.line(readFailure("settings read", answers));
         return kExitFailed;
     }
     if (interruptRequested())
@@ -268,9 +294,10 @@ int runSet(Context& c, DeviceManager& device, const std::vector<Assignment>& ass
 
 int runBackup(Context& c, DeviceManager& device, const std::string& target)
 {
-    const auto data = device.readSettings();
+    std::vector<std::string> answers;
+    const auto data = device.readSettings(&answers);
     if (!data) {
-        c.err.line("the device did not answer the settings read");
+        c.err.line(readFailure("settings read", answers) + "; nothing was saved");
         return kExitFailed;
     }
     if (interruptRequested())
@@ -307,9 +334,10 @@ int runRestore(Context& c, DeviceManager& device, const Backup& backup)
     }
     device.enableKeepaliveCheck(false);
     // Read first: the values to put back if a write fails.
-    const auto before = device.readSettings();
+    std::vector<std::string> answers;
+    const auto before = device.readSettings(&answers);
     if (!before) {
-        c.err.line("the device did not answer the settings read; nothing was written");
+        c.err.line(readFailure("settings read", answers) + "; nothing was written");
         return kExitFailed;
     }
 
@@ -467,7 +495,8 @@ int runMonitorPoll(Context& c, DeviceManager& device, bool infraRed)
             break;
         const std::uint16_t value = infraRed ? device.readIR() : device.readReedSensor();
         if (value == VAL_UNDEF) {
-            c.err.line(std::string("the device did not answer the ") + label + " read");
+            // The engine keeps no answer of these reads: the words claim no more than it knows.
+            c.err.line(std::string("no ") + label + " reading came from the device");
             result = kExitFailed;
             break;
         }

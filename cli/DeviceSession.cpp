@@ -6,7 +6,6 @@
 #include "sim/DeviceSimulator.h"
 
 #include <algorithm>
-#include <cerrno>
 
 namespace dravinel::cli {
 
@@ -14,7 +13,6 @@ namespace {
 
 // The scan ends within one port attempt of a stop; this only guards against a hang.
 constexpr std::chrono::seconds kStopBudget{10};
-
 
 } // namespace
 
@@ -38,16 +36,16 @@ DeviceSession::Result DeviceSession::connect(const std::optional<std::string>& p
         m_simulator = std::make_unique<sim::DeviceSimulator>();
         if (!m_simulator->start())
             return Result::DemoFailed;
-        m_registered = m_simulator->portPath();
+        m_port = m_simulator->portPath();
     } else if (port) {
-        m_registered = *port;
+        m_port = *port;
     }
 
     // Observing before the manager exists, so that no state can slip by.
     EventQueue states(EventQueue::Subscriptions{{ConnStateChangedEvent, "state"}});
     DeviceManager::Options options;
-    if (!m_registered.empty())
-        options = {{m_registered}, false};
+    if (!m_port.empty())
+        options = {{m_port}, false};
     m_manager = DeviceManager::create(options);
     for (;;) {
         EventQueue::Event event;

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-// One command's connection: the device manager whose scan finds the device as the app's does
-// (an explicit port first), or the built-in simulator for the demo, and the orderly stop at the
+// One command's connection: the device manager, which tries only the port given (or the
+// built-in simulator's, for the demo) or else scans as the app does, and the orderly stop at the
 // end.
 
 namespace dravinel::sim {
@@ -24,7 +24,7 @@ public:
     enum class Result { Connected, NoDevice, Interrupted, DemoFailed };
 
     DeviceSession();
-    // Stops the manager, waits for its scan to end, and takes back the explicit port.
+    // Stops the manager and joins its scan, here on the command's own thread.
     ~DeviceSession();
     DeviceSession(const DeviceSession&) = delete;
     DeviceSession& operator=(const DeviceSession&) = delete;
@@ -39,7 +39,7 @@ public:
 
 private:
     std::unique_ptr<sim::DeviceSimulator> m_simulator;
-    std::string m_registered;
+    std::string m_port;
     std::shared_ptr<DeviceManager> m_manager;
 };
 
