@@ -7,6 +7,8 @@
 #include <iostream>
 #include <pthread.h>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 // Serves one simulated device until interrupted. The port path is the first line of standard
 // output, so a script or a test can start the program and open what it prints.
@@ -15,14 +17,16 @@ namespace {
 
 void printUsage(std::ostream& out)
 {
-    out << "Usage: dravinel-sim [--wire-time] [--response-delay MS] [--revision TEXT] "
-           "[--link-dir DIR]\n"
+    out << "Usage: dravinel-sim [--wire-time] [--response-delay MS] [--answer CODE=LINE]...\n"
+           "                    [--revision TEXT] [--link-dir DIR]\n"
            "\n"
            "Plays the device on a pseudo-terminal and prints the port path on the first line.\n"
            "Runs until SIGINT or SIGTERM. SIGUSR1 unplugs the device, SIGUSR2 plugs it in again.\n"
            "\n"
            "  --wire-time          pace every answer as a 115200-baud line would\n"
            "  --response-delay MS  wait this long before each answer, as a slow device\n"
+           "  --answer CODE=LINE   answer the request CODE with LINE instead (S=s,7: motor\n"
+           "                       speed writes are stored but echoed wrongly)\n"
            "  --revision TEXT      the firmware revision to report (default 2.1)\n"
            "  --link-dir DIR       folder for the port's symlink (default: a fresh temporary "
            "folder)\n"
@@ -35,6 +39,7 @@ int main(int argc, char** argv)
 {
     dravinel::sim::DeviceSimulator::Options options;
     std::chrono::milliseconds responseDelay{0};
+    std::vector<std::pair<char, std::string>> answers;
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg = argv[i];
         if (arg == "--help" || arg == "-h") {
@@ -45,6 +50,10 @@ int main(int argc, char** argv)
             options.wireTime = true;
         } else if (arg == "--response-delay" && i + 1 < argc) {
             responseDelay = std::chrono::milliseconds(std::atoi(argv[++i]));
+        } else if (arg == "--answer" && i + 1 < argc && std::strlen(argv[i + 1]) >= 2 &&
+                   argv[i + 1][1] == '=') {
+            answers.emplace_back(argv[i + 1][0], argv[i + 1] + 2);
+            ++i;
         } else if (arg == "--revision" && i + 1 < argc) {
             options.revision = argv[++i];
         } else if (arg == "--link-dir" && i + 1 < argc) {
@@ -77,6 +86,8 @@ int main(int argc, char** argv)
         return 1;
     }
     simulator.setResponseDelay(responseDelay);
+    for (const auto& [code, line] : answers)
+        simulator.setAnswerOverride(code, line);
     std::cout << simulator.portPath() << std::endl;
     std::cerr << "dravinel-sim: serving " << simulator.slavePath() << "\n";
 
