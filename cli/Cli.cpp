@@ -149,6 +149,14 @@ std::string dump(const Json& json)
     return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
+std::string writtenSoFar(std::size_t done, std::size_t total)
+{
+    if (done == total)
+        return "all " + std::to_string(total) + " settings were written";
+    return std::to_string(done) + " of " + std::to_string(total) +
+           " settings written; the others were not";
+}
+
 // Everything one command needs.
 struct Context
 {
@@ -264,19 +272,15 @@ int runSet(Context& c, DeviceManager& device, const std::vector<Assignment>& ass
     device.enableKeepaliveCheck(false);
     Json json = Json::object();
     int result = kExitOk;
-    for (std::size_t i = 0; i < assignments.size(); ++i) {
-        const auto& [setting, value] = assignments[i];
-        // Between writes only: a write in flight is never cut short.
-        if (interruptRequested()) {
-            result = c.interrupted(std::to_string(i) + " of " + std::to_string(assignments.size()) +
-                                   " settings written; the others were not");
-            break;
-        }
+    std::size_t done = 0;
+    // Checked between writes only: a write in flight is never cut short.
+    for (; done < assignments.size() && !interruptRequested(); ++done) {
+        const auto& [setting, value] = assignments[done];
         const WriteResult written = device.save(setting->id, value);
         if (!written.confirmed) {
             std::string message = std::string(setting->cliName) + "=" + std::to_string(value) +
                                   " was not confirmed: " + cameBack(written.answer);
-            if (i + 1 < assignments.size())
+            if (done + 1 < assignments.size())
                 message += "; the remaining writes were not attempted";
             c.err.line(message);
             result = kExitFailed;
@@ -289,6 +293,9 @@ int runSet(Context& c, DeviceManager& device, const std::vector<Assignment>& ass
     }
     if (c.options.json)
         c.out << dump(json) << '\n';
+    // A signal during the last write still ends the command as interrupted, as a script expects.
+    if (result == kExitOk && interruptRequested())
+        result = c.interrupted(writtenSoFar(done, assignments.size()));
     return result;
 }
 
@@ -406,9 +413,9 @@ int runRestore(Context& c, DeviceManager& device, const Backup& backup)
         }
     }
 
-    if (interruptedAt)
-        return c.interrupted(std::to_string(*interruptedAt) +
-                             " of the 6 settings written; the others were not");
+    if (!failedAt && interruptRequested())
+        return c.interrupted(
+            writtenSoFar(interruptedAt.value_or(kSettings.size()), kSettings.size()));
     if (!failedAt)
         return kExitOk;
     const std::string failed(kSettings[*failedAt].cliName);

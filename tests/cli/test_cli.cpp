@@ -157,8 +157,7 @@ TEST_F(CliTest, CommandsPrintAlignedTextOrOneJsonObject)
         EXPECT_TRUE(run.out.starts_with(out)) << run.out;
         EXPECT_EQ(run.err, "") << "the log is off unless asked for";
     }
-    EXPECT_EQ(received(*m_sim, "CLS"),
-              (Args{"C0", "L12", "S7", "C11", "L14", "S15", "C11", "L14", "S15"}));
+    EXPECT_EQ(received(*m_sim, "L"), (Args{"L12", "L14", "L14"})); // sent as the device reads it
     EXPECT_TRUE(m_sim->savedAndExited());
 
     // -v: warnings and errors only; -vv: everything with the frames, one line an entry.
@@ -328,6 +327,7 @@ TEST_F(CliTest, SigintAndSigtermStopAfterTheWriteInFlight)
     const std::vector<Case> cases = {
         {SIGINT, set, kWrites, 2, 130, "ir-detection       8      confirmed\n"},
         {SIGTERM, restore, kWrites, 3, 130, "negative-rotation      35        4  not attempted"},
+        {SIGINT, {"--port", port, "set", "current-limit=5"}, kWrites, 1, 130, "limit      5  "},
         {SIGINT, {"--port", port, "monitor", "position"}, "O", 2, 0, " ms  position "},
     };
     for (const auto& [signal, args, codes, before, code, row] : cases) {
@@ -342,7 +342,7 @@ TEST_F(CliTest, SigintAndSigtermStopAfterTheWriteInFlight)
         EXPECT_LT(Clock::now() - signalled, 1s);
         EXPECT_EQ(sent(), from + before) << "a request was sent after the signal";
         EXPECT_TRUE(contains(slurp(file("out")), row)) << slurp(file("out"));
-        EXPECT_EQ(contains(slurp(file("err")), "interrupted; " + std::to_string(before)), code > 0);
+        EXPECT_EQ(contains(slurp(file("err")), "interrupted; "), code > 0) << slurp(file("err"));
     }
 }
 
