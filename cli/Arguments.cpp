@@ -68,14 +68,14 @@ ParsedArguments parseArguments(const std::vector<std::string>& args)
         ->excludes(portOption);
     app.add_flag("--json", options.json, "print one JSON object (monitor: one a line)");
     app.add_flag("-v", options.verbosity,
-                 "log warnings and errors to standard error; -vv everything, with the frames");
+                 "warnings and errors on standard error; -vv: everything, frames too");
 
     const auto command = [&](const char* name, const char* description, Command id) {
         auto* sub = app.add_subcommand(name, description);
         sub->callback([&options, id] { options.command = id; });
         return sub;
     };
-    command("ports", "list the machine's serial ports; those that carry \"Dravinel\" marked *",
+    command("ports", "the machine's serial ports, those carrying \"Dravinel\" marked *",
             Command::Ports);
     command("info", "firmware revision and battery (raw reading and volts)", Command::Info);
     command("get", "the six settings", Command::Get);
@@ -83,20 +83,16 @@ ParsedArguments parseArguments(const std::vector<std::string>& args)
         ->add_option("NAME=VALUE", options.assignments, "a setting and its new value")
         ->required();
     auto* monitor =
-        command("monitor",
-                "motor: run the motor test and print each current sample until it is done; "
-                "ir, position: one reading a second",
+        command("monitor", "the motor test's current samples, or ir or position readings",
                 Command::Monitor);
-    monitor->add_option("WHAT", monitorKind, "motor, ir or position")
+    monitor->add_option("WHAT", monitorKind, "motor (runs the test until done), ir or position")
         ->required()
         ->check(CLI::IsMember({"motor", "ir", "position"}));
     monitor->add_option("--count", count, "stop after N samples or readings")->type_name("N");
     command("backup", "save the revision and the six settings to a JSON file", Command::Backup)
         ->add_option("FILE", options.file, "the backup file; replaced as a whole or not at all")
         ->required();
-    auto* restore = command("restore",
-                            "write the six settings of a backup file, all of them or, if one "
-                            "fails, none",
+    auto* restore = command("restore", "write a backup's six settings: all, or none if one fails",
                             Command::Restore);
     restore->add_option("FILE", options.file, "a file written by backup")->required();
     restore->add_flag("--force", options.force,
