@@ -104,15 +104,15 @@ protected:
         const pid_t pid = fork();
         if (pid != 0)
             return pid;
-        // The child: only async-signal-safe calls until exec.
+        // The child: async-signal-safe calls only; the program opened before the user changes.
+        const int exe = open(DRAVINEL_CLI_EXE, O_RDONLY | O_CLOEXEC);
         const int outFd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         const int errFd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const gid_t nobody = 65534;
-        if (outFd < 0 || errFd < 0 || dup2(outFd, 1) < 0 || dup2(errFd, 2) < 0 ||
-            (unprivileged && getuid() == 0 &&
-             (setgroups(0, nullptr) != 0 || setgid(nobody) != 0 || setuid(nobody) != 0)))
+        if (exe < 0 || outFd < 0 || errFd < 0 || dup2(outFd, 1) < 0 || dup2(errFd, 2) < 0 ||
+            (unprivileged && getuid() == 0 && // as nobody
+             (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0)))
             _exit(126);
-        execv(DRAVINEL_CLI_EXE, argv.data());
+        fexecve(exe, argv.data(), environ);
         _exit(127);
     }
     // The exit code, or -1 on a death by signal. A program that hangs meets the test's time-out.
@@ -304,7 +304,7 @@ TEST_F(CliTest, TheProgramsExitCodesSayWhatHappened)
     using Case = std::tuple<Args, int, std::string, bool, std::string>;
     const std::vector<Case> cases = {
         {{"--port", file("absent"), "info"}, 3, "absent  not found", false, ""},
-        {{"--port", locked, "info"}, 3, "locked  permission denied: ", true, ""},
+        {{"--port", locked, "info"}, 3, "locked  permission denied", true, ""},
         {get, 1, "could not write the output: No space left on device\n", false, "/dev/full"},
     };
     for (const auto& [args, code, text, unprivileged, out] : cases) {
