@@ -90,6 +90,10 @@ std::string permissionWords(const std::string& path, const SystemFiles& files)
     if (processHasGroup(info.st_gid))
         return "permission denied, although you are in group " + name +
                ": the port's permissions were changed; unplug it and plug it in again";
+    // A port of group root is not meant for users at all: joining root is no advice to give.
+    if (info.st_gid == 0)
+        return "permission denied: the port belongs to group root; give it to group dialout with "
+               "a udev rule (GROUP=\"dialout\") and plug the device in again";
     const std::string user = userName();
     if (group && !user.empty() &&
         std::find(group->members.begin(), group->members.end(), user) != group->members.end())

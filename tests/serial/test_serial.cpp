@@ -192,10 +192,11 @@ TEST_F(SerialTest, ReadGivesLinesInPiecesOfAtMost4096AndWaitsIdleUntilStoppedOrH
     EXPECT_EQ(partial.end, ReadEnd::StopByte);
     EXPECT_EQ(toText(read_byte(m_fd)), "r");
     // The master blocks once the line discipline's buffer is full: it writes on its own thread.
-    const auto writer =
+    auto writer =
         std::async(std::launch::async, [this] { write(std::string(5000, 'x') + "\n"); });
     EXPECT_EQ(line(), std::string(4096, 'x'));
     EXPECT_EQ(line(), std::string(904, 'x'));
+    writer.get();
     EXPECT_TRUE(send_frame(m_fd, toBytes("R12\n\r")));
     EXPECT_EQ(toText(read_bytes_until_byte(m_master, '\r')), "R12\n");
     // Nobody reads the master, so the non-blocking port takes only part of a large frame.
