@@ -7,6 +7,7 @@
 #include <QKeySequence>
 #include <QMainWindow>
 #include <QMenuBar>
+#include <QStatusBar>
 
 namespace dravinel {
 
@@ -36,11 +37,19 @@ void AppDelegate::applicationDidFinishLaunching()
 {
     m_masterViewController = new MasterViewController;
     m_window->setCentralWidget(m_masterViewController);
+    // Present from the start, so that the first message does not make the window grow.
+    QStatusBar* status = m_window->statusBar();
+    connect(m_masterViewController, &MasterViewController::statusMessage, status,
+            [status](const QString& text) { status->showMessage(text); });
 }
 
 void AppDelegate::setTitleSuffix(const QString& suffix)
 {
-    m_window->setWindowTitle(kWindowTitle + suffix);
+    const QString title = kWindowTitle + suffix;
+    m_window->setWindowTitle(title);
+    // The window system appends the display name to every title that does not already end
+    // with it; naming the application as the title reads keeps the name from showing twice.
+    QGuiApplication::setApplicationDisplayName(title);
 }
 
 } // namespace dravinel

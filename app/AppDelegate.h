@@ -30,7 +30,7 @@ public:
     MasterViewController* masterViewController() const { return m_masterViewController; }
     QAction* quitAction() const { return m_quitAction; }
 
-    // Marks the window title, e.g. " (demo)".
+    // Marks the window title, e.g. " — demo".
     void setTitleSuffix(const QString& suffix);
 
 private:

@@ -33,7 +33,8 @@ void applyHyperlink(QLabel* label, const QUrl& url)
                              : label->text();
     label->setTextFormat(Qt::RichText);
     label->setTextInteractionFlags(Qt::TextBrowserInteraction);
-    label->setOpenExternalLinks(true);
+    // The owner opens the link (linkActivated), so that it can say so when no browser can.
+    label->setOpenExternalLinks(false);
     label->setText(linkMarkup(text, url.toString(QUrl::FullyEncoded)));
 }
 

@@ -3,7 +3,7 @@
 #include <QString>
 #include <QUrl>
 
-// Clickable link texts: blue, single underline, opened with the desktop's browser.
+// Clickable link texts: blue, single underline; the label's owner opens them (linkActivated).
 
 class QLabel;
 

@@ -34,7 +34,6 @@ MotorCurrentChart::MotorCurrentChart(QWidget* parent)
     m_series->attachAxis(m_current);
     setChart(chart);
     setRenderHint(QPainter::Antialiasing);
-    setMinimumHeight(160);
     clear();
 }
 

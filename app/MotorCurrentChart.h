@@ -23,7 +23,15 @@ public:
     void addSample(std::int64_t value);
     int sampleCount() const;
 
+    // Constant, unlike a view's hint that follows its scene: the space kept for the chart must
+    // not change once it shows.
+    QSize sizeHint() const override { return minimumSizeHint(); }
+    QSize minimumSizeHint() const override { return {kMinimumWidth, kMinimumHeight}; }
+
 private:
+    static constexpr int kMinimumWidth = 240;
+    static constexpr int kMinimumHeight = 160;
+
     QLineSeries* m_series;
     QValueAxis* m_samples;
     QValueAxis* m_current;

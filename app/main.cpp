@@ -4,6 +4,7 @@
 
 #include "serial/serial.h"
 #include "sim/DeviceSimulator.h"
+#include "support/Logger.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
@@ -76,7 +77,7 @@ Options parseOptions(QCoreApplication& app)
         QStringLiteral("Run against a simulated device built into the app."));
     const QCommandLineOption portOption(
         QStringLiteral("port"),
-        QStringLiteral("Also try the serial port at <path> (for cables whose name lacks the "
+        QStringLiteral("Use only the serial port at <path> (for a cable whose name lacks the "
                        "product word)."),
         QStringLiteral("path"));
     parser.addOption(demoOption);
@@ -102,6 +103,12 @@ int main(int argc, char* argv[])
     describeApplication();
     QApplication::setApplicationDisplayName(QStringLiteral("Dravinel Configurator"));
     const Options options = parseOptions(app);
+    // The serial module's messages (a port that failed, and why) belong in the app's log.
+    dravinel::set_serial_message_sink([](const std::string& message) {
+        const auto end = message.find_last_not_of('\n');
+        dravinel::Logger::getInstance().logWarning(
+            "%s", message.substr(0, end == std::string::npos ? 0 : end + 1).c_str());
+    });
 
     // Declared before the window so that it outlives every connection the window makes.
     std::unique_ptr<dravinel::sim::DeviceSimulator> simulator;
@@ -123,7 +130,7 @@ int main(int argc, char* argv[])
 
     dravinel::AppDelegate delegate;
     if (simulator)
-        delegate.setTitleSuffix(QStringLiteral(" (demo)"));
+        delegate.setTitleSuffix(QStringLiteral(" — demo"));
     if (qEnvironmentVariableIsSet("DRAVINEL_STARTUP_TIMING"))
         delegate.window()->installEventFilter(new StartupTimer(sinceStart, &delegate));
     delegate.applicationDidFinishLaunching();
