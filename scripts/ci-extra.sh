@@ -44,10 +44,11 @@ run_unprivileged() {
 }
 
 run_clang() {
-    step "clang: engine and simulator, warnings as errors"
+    step "clang: engine, simulator and command line, warnings as errors"
     configure build-clang -DCMAKE_CXX_COMPILER=clang++ -DDRAVINEL_WERROR=ON \
         -DDRAVINEL_BUILD_APP=OFF -DDRAVINEL_BUILD_TESTS=OFF -DDRAVINEL_BUILD_BENCH=OFF
-    cmake --build build-clang -j"$JOBS" --target support serial protocol device dravinel-sim
+    cmake --build build-clang -j"$JOBS" --target support serial protocol device dravinel-sim \
+        dravinel-cli
 }
 
 run_asan() {
