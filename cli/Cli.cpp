@@ -38,6 +38,8 @@ constexpr std::int32_t kLogEverything = 4;
 // or the device went away.
 constexpr std::chrono::seconds kMotorSilence{5};
 constexpr std::chrono::milliseconds kPollPeriod{DELAY_SCAN_CHECK};
+// How long a failed read waits for the scan to report a lost line before it counts as unanswered.
+constexpr std::chrono::milliseconds kLossReport{200};
 constexpr std::size_t kNameWidth = 19;
 
 // Error lines and, with -v, the log share the error stream; the log comes from the engine's
@@ -444,8 +446,9 @@ int runRestore(Context& c, DeviceManager& device, const Backup& backup)
 
 int runMonitorMotor(Context& c, DeviceManager& device)
 {
-    EventQueue events(
-        EventQueue::Subscriptions{{MonitorMotorEvent, "value"}, {MonitorMotorDoneEvent, "value"}});
+    EventQueue events(EventQueue::Subscriptions{{MonitorMotorEvent, "value"},
+                                                {MonitorMotorDoneEvent, "value"},
+                                                {ConnStateChangedEvent, "state"}});
     // The keep-alive read would interleave with the test's stream; the app pauses it alike.
     device.enableKeepaliveCheck(false);
     const auto start = Clock::now();
@@ -462,6 +465,12 @@ int runMonitorMotor(Context& c, DeviceManager& device)
         if (wait == EventQueue::Wait::Timeout) {
             c.err.line("the motor test sent nothing for " + std::to_string(kMotorSilence.count()) +
                        " s");
+            result = kExitFailed;
+            break;
+        }
+        if (event.name == ConnStateChangedEvent) {
+            // The engine ends the connection as soon as the line hangs up.
+            c.err.line("device lost");
             result = kExitFailed;
             break;
         }
@@ -486,21 +495,38 @@ int runMonitorMotor(Context& c, DeviceManager& device)
 int runMonitorPoll(Context& c, DeviceManager& device, bool infraRed)
 {
     const char* label = infraRed ? "ir" : "position";
-    EventQueue ticks(EventQueue::Subscriptions{});
+    // Only the connection's end is posted to this queue; otherwise it waits for the tick or Ctrl-C.
+    EventQueue ticks(EventQueue::Subscriptions{{ConnStateChangedEvent, "state"}});
+    const auto lost = [&] {
+        c.err.line("device lost");
+        return kExitFailed;
+    };
     device.enableKeepaliveCheck(false);
     const auto start = Clock::now();
     int result = kExitOk;
     for (std::uint32_t n = 0; (!c.options.count || n < *c.options.count) && c.out; ++n) {
         // Paced from the start, so the readings keep their one-second rhythm.
         if (n > 0) {
-            // Nothing is posted to this queue: it only waits for the tick or for Ctrl-C.
-            EventQueue::Event none;
-            if (ticks.next(start + n * kPollPeriod, none) == EventQueue::Wait::Interrupted)
+            EventQueue::Event ended;
+            const auto wait = ticks.next(start + n * kPollPeriod, ended);
+            if (wait == EventQueue::Wait::Interrupted)
                 break;
+            if (wait == EventQueue::Wait::Event) {
+                result = lost();
+                break;
+            }
         }
         if (interruptRequested())
             break;
         const std::uint16_t value = infraRed ? device.readIR() : device.readReedSensor();
+        EventQueue::Event ended;
+        // A read cut by a hang-up fails at once; the scan reports the loss a moment later.
+        if (value == VAL_UNDEF &&
+            (device.getConnectionState() != ConnectionState::Connected ||
+             ticks.next(Clock::now() + kLossReport, ended) == EventQueue::Wait::Event)) {
+            result = lost();
+            break;
+        }
         if (value == VAL_UNDEF) {
             // The engine keeps no answer of these reads: the words claim no more than it knows.
             c.err.line(std::string("no ") + label + " reading came from the device");
