@@ -95,7 +95,7 @@ TEST_F(EngineTest, ConnectsReadsRevisionAndSettingsAndWritesEachSettingWithItsEc
     EXPECT_EQ(m_manager->saveIR(5).answer, std::nullopt);
     m_sim->setMute(false);
     EXPECT_TRUE(m_manager->saveAndExit());
-    ASSERT_TRUE(m_sim->waitForRequests('Z', 1, 1s));
+    ASSERT_TRUE(m_sim->waitForRequests('Z', 1, 3s));
     EXPECT_TRUE(m_sim->savedAndExited());
 }
 
@@ -167,7 +167,7 @@ TEST_F(EngineTest, UnplugIsNoticedAtOnceWhateverTheEngineDoesAndReplugConnectsAt
         [&] {            // a transaction waiting for its answer
             m_sim->setResponseDelay(500ms);
             auto read = std::async(std::launch::async, [&] { return m_manager->readSettings(); });
-            ASSERT_TRUE(m_sim->waitForRequests('G', 1, 1s));
+            ASSERT_TRUE(m_sim->waitForRequests('G', 1, 3s));
             pull();
             EXPECT_FALSE(read.get());
             m_sim->setResponseDelay(0ms);
@@ -219,7 +219,7 @@ TEST_F(EngineTest, LateMisplacedAndDuplicatedAnswersNeverGiveWrongValues)
     m_sim->setResponseDelay(std::chrono::milliseconds(DELAY_RESPONSE + 150));
     m_log.clear();
     EXPECT_FALSE(m_manager->readRevision());
-    EXPECT_TRUE(m_log.waitFor("b,2.1", 1s)); // the late answer is not taken by the next one
+    EXPECT_TRUE(m_log.waitFor("b,2.1", 3s)); // the late answer is not taken by the next one
     m_sim->setResponseDelay(0ms);
     m_sim->setBatteryRaw(1300);
     EXPECT_EQ(m_manager->readVBatt(), 1300);
@@ -232,11 +232,11 @@ TEST_F(EngineTest, LateMisplacedAndDuplicatedAnswersNeverGiveWrongValues)
     m_sim->setAnswerOverride('G', "c,120\n\rv,999\n\ri,300\n\rr,40\n\rl,35\n\rs,200\n\rt,90");
     m_log.clear();
     EXPECT_FALSE(m_manager->readSettings());
-    EXPECT_TRUE(m_log.waitFor("t,90", 1s));
+    EXPECT_TRUE(m_log.waitFor("t,90", 3s));
     m_sim->setAnswerOverride('V', "v,1234\n\rv,1234");
     m_log.clear();
     EXPECT_EQ(m_manager->readVBatt(), 1234);
-    EXPECT_TRUE(m_log.waitFor("v,1234", 1s, 2)); // the copy is taken by nothing
+    EXPECT_TRUE(m_log.waitFor("v,1234", 3s, 2)); // the copy is taken by nothing
     m_sim->clearAnswerOverrides();
     EXPECT_EQ(m_manager->readRevision(), "2.1");
     EXPECT_EQ(m_manager->readSettings(), before);

@@ -35,7 +35,7 @@ TEST_F(EngineTest, TransactionsTakeTheirAnswersWithinTheBudgetAndLeaveTheRestUns
     answer = serial.sendWithResponses(READ_V_BATT_REQ, nullptr, 0, 0, RESPONSE_TIMEOUT);
     ASSERT_TRUE(answer);
     EXPECT_TRUE(answer->empty());
-    EXPECT_TRUE(m_log.waitFor(" <= UNSOLICITED : v,", 1s));
+    EXPECT_TRUE(m_log.waitFor(" <= UNSOLICITED : v,", 3s));
     EXPECT_FALSE(m_log.contains(" <= RESPONSE : v,"));
 
     // A bad shape fails the transaction, but what came is handed back.
@@ -99,12 +99,12 @@ TEST_F(EngineTest, ConnectionIsKeptAliveAndStopIsPrompt)
 
     const auto stopAt = Clock::now();
     m_manager->stop();
-    auto disconnecting = m_states.waitFor(kDisconnecting, 1s);
-    auto disconnected = m_states.waitFor(kDisconnected, 1s);
+    auto disconnecting = m_states.waitFor(kDisconnecting, 3s);
+    auto disconnected = m_states.waitFor(kDisconnected, 3s);
     ASSERT_TRUE(disconnecting && disconnected);
     EXPECT_LT(*disconnecting, *disconnected);
     EXPECT_LT(secondsBetween(stopAt, m_states.items()[*disconnected].at), 0.5);
-    EXPECT_TRUE(m_manager->waitUntilStopped(1s));
+    EXPECT_TRUE(m_manager->waitUntilStopped(3s));
     EXPECT_FALSE(m_manager->isConnected());
 }
 
