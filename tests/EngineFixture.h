@@ -9,13 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <condition_variable>
-#include <memory>
 #include <mutex>
-#include <optional>
-#include <string>
-#include <vector>
 
 // Shared by the integration tests: a simulated device on a real pty, named to the engine as its
 // only port, and recorders for notifications and log lines.

@@ -1,8 +1,5 @@
 #include "EngineFixture.h"
 
-#include "device/SettingsData.h"
-#include "protocol/Globals.h"
-
 #include <future>
 #include <thread>
 

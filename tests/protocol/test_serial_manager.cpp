@@ -1,8 +1,5 @@
 #include "EngineFixture.h"
 
-#include "protocol/Globals.h"
-#include "protocol/SerialManager.h"
-
 #include <thread>
 
 namespace dravinel::testing {

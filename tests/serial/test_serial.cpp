@@ -1,10 +1,6 @@
 #include "EngineFixture.h"
-#include "serial/PortError.h"
 #include "serial/QueueAdditions.h"
 #include "serial/SerialCommunication.h"
-#include "serial/serial.h"
-
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <ctime>
@@ -192,8 +188,7 @@ TEST_F(SerialTest, ReadGivesLinesInPiecesOfAtMost4096AndWaitsIdleUntilStoppedOrH
     EXPECT_EQ(partial.end, ReadEnd::StopByte);
     EXPECT_EQ(toText(read_byte(m_fd)), "r");
     // The master blocks once the line discipline's buffer is full: it writes on its own thread.
-    auto writer =
-        std::async(std::launch::async, [this] { write(std::string(5000, 'x') + "\n"); });
+    auto writer = std::async(std::launch::async, [this] { write(std::string(5000, 'x') + "\n"); });
     EXPECT_EQ(line(), std::string(4096, 'x'));
     EXPECT_EQ(line(), std::string(904, 'x'));
     writer.get();
