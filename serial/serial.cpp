@@ -12,6 +12,7 @@
 #include <set>
 
 #include <fcntl.h>
+#include <linux/serial.h>
 #include <poll.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
@@ -28,6 +29,8 @@ namespace fs = std::filesystem;
 // The port's settings as found by the last open; close puts them back. Only one port is ever
 // open at a time, so one record is enough.
 termios gOriginalTTYAttrs{};
+// Whether the last open turned the driver's low-latency flag on, so close turns it off again.
+bool gLowLatencyAdded = false;
 
 // 1 from the end of a successful open until the start of close. Clearing it is how a close on
 // another thread ends a read that is waiting for its stop byte.
@@ -38,6 +41,28 @@ std::atomic<std::uint8_t> running{0};
 std::mutex gReadersMutex;
 std::condition_variable gReadersLeft;
 int gActiveReads = 0;
+
+// A USB serial adapter holds received bytes until its buffer fills or its latency timer runs
+// out (16 ms by default on FTDI chips), which would dwarf a sub-millisecond exchange. Asking the
+// driver for low latency sets that timer to 1 ms. A driver without the request (a pty) just keeps
+// its behaviour. Returns whether the flag was off and is now on.
+bool addLowLatency(int fd)
+{
+    serial_struct serial{};
+    if (ioctl(fd, TIOCGSERIAL, &serial) == -1 || (serial.flags & ASYNC_LOW_LATENCY) != 0)
+        return false;
+    serial.flags |= ASYNC_LOW_LATENCY;
+    return ioctl(fd, TIOCSSERIAL, &serial) == 0;
+}
+
+void removeLowLatency(int fd)
+{
+    serial_struct serial{};
+    if (ioctl(fd, TIOCGSERIAL, &serial) == -1)
+        return;
+    serial.flags &= ~ASYNC_LOW_LATENCY;
+    ioctl(fd, TIOCSSERIAL, &serial);
+}
 
 class ActiveRead
 {
@@ -298,6 +323,8 @@ int open_serial_port(const char* path, PortError* error)
         return -1;
     }
 
+    gLowLatencyAdded = addLowLatency(fd);
+
     // Pulse DTR, then raise DTR and RTS: the device resets its link on the edge. A port without
     // modem lines (a pseudo-terminal) refuses all of this, which does not stop the open.
     if (assertDtr(fd) == -1)
@@ -334,6 +361,10 @@ int close_serial_port(int fd)
         std::snprintf(line, sizeof line, "Error resetting tty attributes - %s(%d).\n",
                       std::strerror(err), err);
         emit(line);
+    }
+    if (gLowLatencyAdded) {
+        removeLowLatency(fd);
+        gLowLatencyAdded = false;
     }
     // The exclusive flag outlives the descriptor on a tty that stays open at its other end (a
     // pty, or a port another program holds): left set, it would refuse our own next open.
