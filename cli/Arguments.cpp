@@ -17,9 +17,9 @@ constexpr const char* kFooter =
 motor-speed, cycle-timeout (minutes); values are whole numbers 0 to 65535. In JSON
 and backup files the same names are written with underscores.
 
-Exit codes: 0 done; 1 the device did not answer or confirm, or the output could not
-be written; 2 bad input, nothing written to the device; 3 no device found;
-130 interrupted by Ctrl-C or SIGTERM (a monitor ends with 0).)";
+Exit codes: 0 done; 1 the device did not answer or confirm, or the output (or the
+udev rule) could not be written; 2 bad input, nothing written to the device;
+3 no device found; 130 interrupted by Ctrl-C or SIGTERM (a monitor ends with 0).)";
 
 std::optional<std::uint32_t> parseCount(std::string_view text)
 {
@@ -99,6 +99,16 @@ ParsedArguments parseArguments(const std::vector<std::string>& args)
                       "restore a backup of another firmware revision, or of none");
     command("save-exit", "tell the device to store its settings and leave configuration mode",
             Command::SaveExit);
+    auto* access =
+        command("setup-access", "print the udev rule that lets the logged-in user open the device",
+                Command::SetupAccess);
+    auto* install = access->add_flag("--install", options.setupAccess.install,
+                                     "install it in /etc/udev/rules.d and reload udev (with sudo)");
+    access
+        ->add_option("--rules-dir", options.setupAccess.rulesDir,
+                     "install it in DIR instead, without reloading udev")
+        ->type_name("DIR")
+        ->needs(install);
     app.footer(kFooter);
 
     // CLI11 takes the arguments last first.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "cli/SetupAccess.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -10,7 +12,7 @@
 
 namespace dravinel::cli {
 
-enum class Command { Ports, Info, Get, Set, Monitor, Backup, Restore, SaveExit };
+enum class Command { Ports, Info, Get, Set, Monitor, Backup, Restore, SaveExit, SetupAccess };
 enum class MonitorKind { Motor, IR, Position };
 
 struct Options
@@ -25,6 +27,7 @@ struct Options
     bool force = false;                   // restore: even from another firmware revision
     MonitorKind monitor = MonitorKind::Motor;
     std::optional<std::uint32_t> count; // monitor --count N
+    SetupAccessOptions setupAccess;
 };
 
 struct ParsedArguments

@@ -600,6 +600,7 @@ int run(const Options& options, std::ostream& out, ErrorStream& err)
     case Command::Get:
     case Command::Monitor:
     case Command::SaveExit:
+    case Command::SetupAccess:
         break;
     }
 
@@ -609,6 +610,7 @@ int run(const Options& options, std::ostream& out, ErrorStream& err)
     DeviceManager& device = session.device();
     switch (options.command) {
     case Command::Ports:
+    case Command::SetupAccess: // runCli's
         break;
     case Command::Info:
         return runInfo(c, device);
@@ -643,6 +645,8 @@ int runCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
     }
     if (!parsed.options) {
         out << parsed.text;
+    } else if (parsed.options->command == Command::SetupAccess) {
+        code = runSetupAccess(parsed.options->setupAccess, out, err);
     } else {
         clearInterrupt();
         const LogRouting logging(errors, parsed.options->verbosity);
