@@ -92,16 +92,18 @@ std::string permissionWords(const std::string& path, const SystemFiles& files)
                ": the port's permissions were changed; unplug it and plug it in again";
     // A port of group root is not meant for users at all: joining root is no advice to give.
     if (info.st_gid == 0)
-        return "permission denied: the port belongs to group root; give it to group dialout with "
-               "a udev rule (GROUP=\"dialout\") and plug the device in again";
+        return "permission denied: the port belongs to group root; give it to you and group "
+               "dialout with the program's udev rule (sudo dravinel-cli setup-access --install) "
+               "and plug the device in again";
     const std::string user = userName();
     if (group && !user.empty() &&
         std::find(group->members.begin(), group->members.end(), user) != group->members.end())
         return "permission denied: you were added to group " + name +
                ", but this login session does not have it yet; log out and in again";
     return "permission denied: the port belongs to group " + name +
-           " and you are not in it; run: sudo usermod -aG " + name +
-           " $USER, then log out and in again";
+           " and you are not in it; run: sudo dravinel-cli setup-access --install, then plug "
+           "the device in again (or: sudo usermod -aG " +
+           name + " $USER, then log out and in again)";
 }
 
 std::string busyWords(const std::optional<PortHolder>& holder)

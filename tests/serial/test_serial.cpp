@@ -162,8 +162,9 @@ TEST_F(SerialTest, PortErrorsAreValuesAndWordsATechnicianCanActOn)
     if (geteuid() == 0) {
         ASSERT_EQ(chown(port.c_str(), 0, 4242), 0);
         std::ofstream(files.groupFile) << "dialout:x:4242:\n";
-        EXPECT_NE(words(port, {"open", EACCES, {}}).find("sudo usermod -aG dialout $USER"),
-                  std::string::npos);
+        const std::string notInGroup = words(port, {"open", EACCES, {}});
+        EXPECT_NE(notInGroup.find("sudo dravinel-cli setup-access --install"), std::string::npos);
+        EXPECT_NE(notInGroup.find("sudo usermod -aG dialout $USER"), std::string::npos);
         std::ofstream(files.groupFile) << "dialout:x:4242:someone,root\n";
         EXPECT_NE(words(port, {"open", EACCES, {}}).find("does not have it yet; log out and in"),
                   std::string::npos);
