@@ -7,6 +7,7 @@
 #include <QKeySequence>
 #include <QMainWindow>
 #include <QMenuBar>
+#include <QMessageBox>
 #include <QStatusBar>
 
 namespace dravinel {
@@ -28,6 +29,14 @@ AppDelegate::AppDelegate(QObject* parent) : QObject(parent), m_window(new QMainW
     connect(m_quitAction, &QAction::triggered, qApp, &QCoreApplication::quit, Qt::QueuedConnection);
     m_window->addAction(m_quitAction);
     m_window->menuBar()->addMenu(tr("&File"))->addAction(m_quitAction);
+    auto* about = new QAction(tr("&About"), m_window.get());
+    connect(about, &QAction::triggered, this, [this] {
+        QMessageBox::about(m_window.get(), tr("About %1").arg(kWindowTitle),
+                           tr("%1 %2\nConfigures and diagnoses the Dravinel device over its USB "
+                              "serial port.\nhttps://www.dravinel.example/")
+                               .arg(kWindowTitle, QCoreApplication::applicationVersion()));
+    });
+    m_window->menuBar()->addMenu(tr("&Help"))->addAction(about);
     connect(qApp, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate);
 }
 

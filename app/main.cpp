@@ -102,6 +102,8 @@ int main(int argc, char* argv[])
     QApplication app(argc, argv);
     describeApplication();
     QApplication::setApplicationDisplayName(QStringLiteral("Dravinel Configurator"));
+    // The installed desktop entry's name: Wayland shows that entry's icon for the window.
+    QGuiApplication::setDesktopFileName(QStringLiteral("example.dravinel.Configurator"));
     const Options options = parseOptions(app);
     // The serial module's messages (a port that failed, and why) belong in the app's log.
     dravinel::set_serial_message_sink([](const std::string& message) {
