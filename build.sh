@@ -3,12 +3,14 @@
 #   ./build.sh demo   starts the app on its built-in simulated device
 #   ./build.sh test   runs the whole test suite through CTest
 #   ./build.sh build  only builds
+#   ./build.sh package  builds the Debian package build/dravinel_<version>_<arch>.deb
 set -euo pipefail
 cd "$(dirname "$0")"
 
 PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev
           qt6-base-dev qt6-svg-dev qt6-charts-dev libqt6opengl6-dev libgl-dev fonts-dejavu-core
-          nlohmann-json3-dev libcli11-dev clang libclang-rt-14-dev xvfb xauth)
+          nlohmann-json3-dev libcli11-dev clang libclang-rt-14-dev xvfb xauth
+          dpkg-dev librsvg2-bin lintian desktop-file-utils appstream file udev)
 
 install_missing() {
     local missing=()
@@ -50,8 +52,13 @@ case "$cmd" in
         install_missing
         build "$@"
         ;;
+    package)
+        install_missing
+        build "$@"
+        (cd "$BUILD_DIR" && cpack)
+        ;;
     *)
-        echo "usage: $0 [demo|test|build]" >&2
+        echo "usage: $0 [demo|test|build|package]" >&2
         exit 2
         ;;
 esac
