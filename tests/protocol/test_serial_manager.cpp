@@ -1,4 +1,5 @@
 #include "EngineFixture.h"
+#include "serial/SerialCommunication.h"
 
 #include <thread>
 
@@ -57,6 +58,17 @@ TEST_F(EngineTest, TransactionsTakeTheirAnswersWithinTheBudgetAndLeaveTheRestUns
     EXPECT_LT(waited, 1.5);
     EXPECT_TRUE(m_log.contains("SerialManager sendWithResponses : Did not get enough responses"));
     EXPECT_EQ(done.values(), std::vector<std::int64_t>{5});
+
+    // A request the line takes only in part fails at once, not at its budget, and is posted.
+    Recorder sent(ComOnOutcomingFrame, "data");
+    const Bytes huge(256 * 1024, 'x');
+    const auto writeAt = Clock::now();
+    EXPECT_FALSE(serial.sendWithResponses(READ_V_BATT_REQ, huge.data(), huge.size(), 1,
+                                          RESPONSE_TIMEOUT, &received));
+    EXPECT_LT(secondsBetween(writeAt, Clock::now()), 0.5);
+    EXPECT_TRUE(received.empty());
+    EXPECT_TRUE(m_log.contains("SerialManager sendWithResponses : Request not sent"));
+    EXPECT_EQ(sent.size(), 1u);
 }
 
 TEST_F(EngineTest, ScanWithoutDeviceGivesUpAfterTwoEmptyCyclesHavingOpenedOnlyTheNamedPort)
@@ -79,6 +91,19 @@ TEST_F(EngineTest, ScanWithoutDeviceGivesUpAfterTwoEmptyCyclesHavingOpenedOnlyTh
     EXPECT_EQ(describePortAttempt(attempts[0]),
               "not found: the device is unplugged, or the path is wrong");
     EXPECT_TRUE(m_sim->requests().empty()) << "the other product port was opened";
+}
+
+TEST_F(EngineTest, AStopRightAfterCreatePostsTheSearchAndItsEndWhenTheScanHadNotBegun)
+{
+    const std::string missing = ::testing::TempDir() + "usb-Dravinel-gone";
+    // Whether the scan thread got going before the stop or not, the same states come.
+    for (int i = 0; i < 20; ++i) {
+        m_states.clear();
+        auto manager = DeviceManager::create({{missing}, false});
+        manager->stop();
+        ASSERT_TRUE(manager->waitUntilStopped(3s));
+        EXPECT_EQ(m_states.values(), (std::vector<std::int64_t>{kScanning, kDisconnected}));
+    }
 }
 
 TEST_F(EngineTest, ConnectionIsKeptAliveAndStopIsPrompt)
