@@ -201,19 +201,20 @@ SerialManager::sendWithResponses(char code, const std::uint8_t* content,
         logger().logError("SerialManager sendWithResponses : Did not get enough responses");
         return std::nullopt;
     }
-    // Taking a frame makes room below the count, so a frame the reader hands over meanwhile is
-    // buffered and belongs to these answers: the drain waits for such a frame and takes it too.
-    do {
-        while (!m_lResponseFrames.empty()) {
-            if (!isValidResponseFrame(m_lResponseFrames.front())) {
-                logger().logError("SerialManager sendWithResponses : Invalid frame received");
-                return std::nullopt;
-            }
-            result.push_back(std::move(m_lResponseFrames.front()));
-            m_lResponseFrames.erase(m_lResponseFrames.begin());
+    // The answers are taken one at a time and the lock is let go after each: taking one makes
+    // room below the count, so a frame the reader hands over while they are taken is buffered,
+    // belongs to these answers and is returned with them, rather than left for the next request
+    // to throw away. A frame that came before the first was taken found no room: unsolicited.
+    while (!m_lResponseFrames.empty()) {
+        if (!isValidResponseFrame(m_lResponseFrames.front())) {
+            logger().logError("SerialManager sendWithResponses : Invalid frame received");
+            return std::nullopt;
         }
-        m_responseArrived.wait(lock, [this] { return m_framesInFlight == 0; });
-    } while (!m_lResponseFrames.empty());
+        result.push_back(std::move(m_lResponseFrames.front()));
+        m_lResponseFrames.erase(m_lResponseFrames.begin());
+        lock.unlock();
+        lock.lock();
+    }
     return result;
 }
 
@@ -252,14 +253,11 @@ void SerialManager::eventIncomingFrame(const Notification& notification)
         return;
     }
     {
-        // Counted before the lock is taken: a drain that holds it waits for this frame.
-        ++m_framesInFlight;
         std::lock_guard lock(m_responseMutex);
-        --m_framesInFlight;
-        m_responseArrived.notify_all();
         if (static_cast<std::int64_t>(m_lResponseFrames.size()) < m_numRequestedFrames) {
             logger().logDebug(" <= RESPONSE : %s", text.c_str());
             m_lResponseFrames.push_back(std::move(*data));
+            m_responseArrived.notify_all();
             return;
         }
     }

@@ -125,8 +125,7 @@ private:
     std::condition_variable m_responseArrived;
     std::vector<Bytes> m_lResponseFrames;
     std::int32_t m_numRequestedFrames = 0;
-    bool m_listening = false;             // observing incoming frames; guarded by m_responseMutex
-    std::atomic<int> m_framesInFlight{0}; // frames the reader is about to sort
+    bool m_listening = false; // observing incoming frames; guarded by m_responseMutex
 
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_connected{false};
