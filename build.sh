@@ -9,7 +9,7 @@ cd "$(dirname "$0")"
 
 PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev
           qt6-base-dev qt6-svg-dev qt6-charts-dev libqt6opengl6-dev libgl-dev fonts-dejavu-core
-          nlohmann-json3-dev libcli11-dev clang libclang-rt-14-dev xvfb xauth
+          nlohmann-json3-dev libcli11-dev clang clang-tidy libclang-rt-14-dev xvfb xauth
           dpkg-dev librsvg2-bin lintian desktop-file-utils appstream file udev)
 
 install_missing() {

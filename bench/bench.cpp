@@ -236,6 +236,7 @@ struct CpuFigure
 {
     double percent = 0;
     double seconds = 0;
+    double switchesPerSecond = 0; // context switches of all this process's threads
 };
 
 // CPU of this process (user + system) over a window, as % of one core.
@@ -253,7 +254,9 @@ CpuFigure measureCpu(double seconds, const std::function<void(Clock::time_point)
     const auto cpu = [](const timeval& t) { return t.tv_sec + t.tv_usec / 1e6; };
     const double used =
         cpu(after.ru_utime) - cpu(before.ru_utime) + cpu(after.ru_stime) - cpu(before.ru_stime);
-    return {100.0 * used / wall, wall};
+    const auto switches = [](const rusage& r) { return r.ru_nvcsw + r.ru_nivcsw; };
+    return {100.0 * used / wall, wall,
+            static_cast<double>(switches(after) - switches(before)) / wall};
 }
 
 // The app on its demo device, offscreen: its peak RSS after a few seconds, or nothing.
@@ -510,6 +513,8 @@ int main(int argc, char** argv)
     std::printf("\n(ratio = median / limit; target = 1.5 x limit + 1 ms, checked on the p99)\n\n");
     std::printf("%-44s %8.3f %% of one core over %.0f s (target < 0.5 %%)\n",
                 "CPU, connected and idle (keep-alive on)", idle.percent, idle.seconds);
+    std::printf("%-44s %8.1f a second (context switches of every thread)\n",
+                "Wake-ups, connected and idle", idle.switchesPerSecond);
     std::printf("%-44s %8.3f %% of one core over %.0f s (%ld polls)\n",
                 "CPU, position polling every 1 s", polling.percent, polling.seconds, polls);
     std::printf("%-44s %8.1f MiB (VmHWM; VmRSS %.1f MiB) (target < 10 MiB)\n",

@@ -169,9 +169,14 @@ SerialManager::sendWithResponses(char code, const std::uint8_t* content,
         m_lResponseFrames.clear();
         m_numRequestedFrames = numResponses;
     }
+    if (received)
+        received->clear();
     const Bytes frame = createFrame(code, content, contentLength);
-    if (auto channel = serial())
-        channel->insertByteFrameToSend(frame);
+    // Without a channel nothing is sent and the wait runs out; a write that failed fails now.
+    if (auto channel = serial(); channel && !channel->insertByteFrameToSend(frame)) {
+        logger().logError("SerialManager sendWithResponses : Request not sent");
+        return std::nullopt;
+    }
     const auto start = std::chrono::steady_clock::now();
 
     // The budget is numResponses x timeout milliseconds, the count widened with its sign and
@@ -196,6 +201,10 @@ SerialManager::sendWithResponses(char code, const std::uint8_t* content,
         logger().logError("SerialManager sendWithResponses : Did not get enough responses");
         return std::nullopt;
     }
+    // The answers are taken one at a time and the lock is let go after each: taking one makes
+    // room below the count, so a frame the reader hands over while they are taken is buffered,
+    // belongs to these answers and is returned with them, rather than left for the next request
+    // to throw away. A frame that came before the first was taken found no room: unsolicited.
     while (!m_lResponseFrames.empty()) {
         if (!isValidResponseFrame(m_lResponseFrames.front())) {
             logger().logError("SerialManager sendWithResponses : Invalid frame received");
@@ -203,17 +212,19 @@ SerialManager::sendWithResponses(char code, const std::uint8_t* content,
         }
         result.push_back(std::move(m_lResponseFrames.front()));
         m_lResponseFrames.erase(m_lResponseFrames.begin());
+        lock.unlock();
+        lock.lock();
     }
     return result;
 }
 
-void SerialManager::sendWithoutResponse(char code, const std::uint8_t* content,
+bool SerialManager::sendWithoutResponse(char code, const std::uint8_t* content,
                                         std::uint64_t contentLength)
 {
     std::lock_guard transaction(m_lock);
     const Bytes frame = createFrame(code, content, contentLength);
-    if (auto channel = serial())
-        channel->insertByteFrameToSend(frame);
+    auto channel = serial();
+    return channel && channel->insertByteFrameToSend(frame);
 }
 
 void SerialManager::eventOutcomingFrame(const Notification& notification)
@@ -367,90 +378,30 @@ void SerialManager::stopSerial()
         channel->stop();
 }
 
+bool SerialManager::keepsRunning(const std::stop_token& stop) const
+{
+    return m_running && !stop.stop_requested();
+}
+
 void SerialManager::threadScan(std::stop_token stop)
 {
-    const auto running = [&] { return m_running && !stop.stop_requested(); };
     // m_running was set by start(), before this thread existed: setting it again here would
     // undo a stop() that came first.
     m_scanning = true;
     m_enableKeepalive = true;
+    // A stop that came before the first cycle ends as any stop of a search does: the search it
+    // cut short, then the end. Without it the end would repeat the first state and go unposted.
+    if (!keepsRunning(stop))
+        m_deviceManager.setConnectionState(ConnectionState::Scanning);
     int idleCycles = 0;
 
-    while (running() && idleCycles < 2) {
+    while (keepsRunning(stop) && idleCycles < 2) {
         m_deviceManager.setConnectionState(ConnectionState::Scanning);
-        bool portAppeared = false;
         std::unique_ptr<PortWatcher> watcher;
-        std::vector<std::string> ports;
-        try {
-            if (m_scanning) {
-                m_inLoopScan = true;
-                stopSerial();
-                // Watching before listing, so that a port appearing in between is not missed.
-                watcher = std::make_unique<PortWatcher>(watchedFolders());
-                ports = getPorts();
-                for (std::size_t index = 0;
-                     index < ports.size() && m_scanning && running() && !portAppeared;) {
-                    const std::string& path = ports[index];
-                    auto channel = std::make_shared<SerialCommunication>(Framing{
-                        END_1, [](Bytes piece) { return frameFromPiece(std::move(piece)); }});
-                    channel->setPortName(path);
-                    m_lineLost = false;
-                    channel->setOnLineLost([this] { onLineLost(); });
-                    setSerial(channel);
-                    const bool opened = channel->start();
-                    if (opened) {
-                        std::optional<std::string> answer;
-                        bool present = m_deviceManager.readRevision(&answer).has_value();
-                        // A read cut short by stop() says nothing about the device.
-                        if (present)
-                            recordAttempt({path, PortAttempt::Outcome::Answered, {}, {}});
-                        else if (running())
-                            recordAttempt({path, PortAttempt::Outcome::NoAnswer, {}, answer});
-                        while (running() && serial() && present && m_scanning) {
-                            m_deviceManager.setConnectionState(ConnectionState::Connected);
-                            idleCycles = 0;
-                            m_connected = true;
-                            // The keep-alive may be off, but a hang-up ends the connection now.
-                            const Wake wake = pause(KEEPALIVE_PERIOD, true);
-                            if (wake == Wake::Stopped)
-                                break;
-                            if (wake == Wake::LineLost) {
-                                present = false;
-                                break;
-                            }
-                            if (m_enableKeepalive)
-                                present = m_deviceManager.readVBatt() != VAL_UNDEF;
-                            if (m_lineLost)
-                                present = false;
-                        }
-                        m_deviceManager.setConnectionState(
-                            running() ? ConnectionState::Scanning : ConnectionState::Disconnecting);
-                    } else {
-                        recordAttempt(
-                            {path, PortAttempt::Outcome::CouldNotOpen, channel->lastError(), {}});
-                    }
-                    m_connected = false;
-                    stopSerial();
-                    if (running()) {
-                        ++index;
-                        // A port that appears here is tried in a new cycle, at once.
-                        portAppeared =
-                            pause(kScanPause, false, watcher.get()) == Wake::PortAppeared;
-                    }
-                }
-            }
-        } catch (const std::exception& e) {
-            logger().logError("SerialManager threadScan: %s", e.what());
-        } catch (...) {
-            m_inLoopScan = false;
-            throw;
-        }
-        {
-            std::lock_guard lock(m_sleepMutex);
-            m_inLoopScan = false;
-            m_wake.notify_all();
-        }
-        if (running() && !portAppeared) {
+        const CycleEnd cycle = scanCycle(stop, watcher);
+        if (cycle.connected)
+            idleCycles = 0;
+        if (keepsRunning(stop) && !cycle.portAppeared) {
             const Wake wake = pause(kScanPause, false, watcher.get());
             // A device plugged in now is looked for at once, and the search does not count as
             // idle.
@@ -460,6 +411,83 @@ void SerialManager::threadScan(std::stop_token stop)
     }
     m_deviceManager.setConnectionState(ConnectionState::Disconnected);
     m_running = false;
+}
+
+SerialManager::CycleEnd SerialManager::scanCycle(const std::stop_token& stop,
+                                                 std::unique_ptr<PortWatcher>& watcher)
+{
+    CycleEnd cycle;
+    try {
+        if (m_scanning) {
+            m_inLoopScan = true;
+            stopSerial();
+            // Watching before listing, so that a port appearing in between is not missed.
+            watcher = std::make_unique<PortWatcher>(watchedFolders());
+            const std::vector<std::string> ports = getPorts();
+            for (std::size_t index = 0;
+                 index < ports.size() && m_scanning && keepsRunning(stop) && !cycle.portAppeared;) {
+                tryPort(ports[index], stop, cycle);
+                if (keepsRunning(stop)) {
+                    ++index;
+                    // A port that appears here is tried in a new cycle, at once.
+                    cycle.portAppeared =
+                        pause(kScanPause, false, watcher.get()) == Wake::PortAppeared;
+                }
+            }
+        }
+    } catch (const std::exception& e) {
+        logger().logError("SerialManager threadScan: %s", e.what());
+    } catch (...) {
+        m_inLoopScan = false;
+        throw;
+    }
+    std::lock_guard lock(m_sleepMutex);
+    m_inLoopScan = false;
+    m_wake.notify_all();
+    return cycle;
+}
+
+void SerialManager::tryPort(const std::string& path, const std::stop_token& stop, CycleEnd& cycle)
+{
+    auto channel = std::make_shared<SerialCommunication>(
+        Framing{END_1, [](Bytes piece) { return frameFromPiece(std::move(piece)); }});
+    channel->setPortName(path);
+    m_lineLost = false;
+    channel->setOnLineLost([this] { onLineLost(); });
+    setSerial(channel);
+    if (channel->start()) {
+        std::optional<std::string> answer;
+        const bool present = m_deviceManager.readRevision(&answer).has_value();
+        // A read cut short by stop() says nothing about the device.
+        if (present)
+            recordAttempt({path, PortAttempt::Outcome::Answered, {}, {}});
+        else if (keepsRunning(stop))
+            recordAttempt({path, PortAttempt::Outcome::NoAnswer, {}, answer});
+        holdConnection(present, stop, cycle);
+        m_deviceManager.setConnectionState(keepsRunning(stop) ? ConnectionState::Scanning
+                                                              : ConnectionState::Disconnecting);
+    } else {
+        recordAttempt({path, PortAttempt::Outcome::CouldNotOpen, channel->lastError(), {}});
+    }
+    m_connected = false;
+    stopSerial();
+}
+
+void SerialManager::holdConnection(bool present, const std::stop_token& stop, CycleEnd& cycle)
+{
+    while (keepsRunning(stop) && serial() && present && m_scanning) {
+        m_deviceManager.setConnectionState(ConnectionState::Connected);
+        cycle.connected = true;
+        m_connected = true;
+        // The keep-alive may be off, but a hang-up ends the connection now.
+        const Wake wake = pause(KEEPALIVE_PERIOD, true);
+        if (wake == Wake::Stopped || wake == Wake::LineLost)
+            break;
+        if (m_enableKeepalive)
+            present = m_deviceManager.readVBatt() != VAL_UNDEF;
+        if (m_lineLost)
+            present = false;
+    }
 }
 
 } // namespace dravinel

@@ -57,7 +57,8 @@ public:
 
     // Sends one request and waits for numResponses frames within numResponses x timeout
     // milliseconds. Returns the validated frames in arrival order, or nothing.
-    // Fails at once when the line hangs up or the manager is stopped while it waits. With
+    // Fails at once when the request could not be written, or when the line hangs up or the
+    // manager is stopped while it waits. With
     // received, every frame that came in answer is handed back too, valid or not, so that a
     // caller can tell a device that answered wrongly from one that did not answer.
     std::optional<std::vector<Bytes>> sendWithResponses(char code, const std::uint8_t* content,
@@ -65,7 +66,8 @@ public:
                                                         std::int32_t numResponses,
                                                         std::chrono::milliseconds timeout,
                                                         std::vector<Bytes>* received = nullptr);
-    void sendWithoutResponse(char code, const std::uint8_t* content, std::uint64_t contentLength);
+    // True when the frame was written whole.
+    bool sendWithoutResponse(char code, const std::uint8_t* content, std::uint64_t contentLength);
 
     void enableKeepAlive(bool enable) { m_enableKeepalive = enable; }
 
@@ -86,8 +88,21 @@ public:
 
 private:
     enum class Wake { Elapsed, Stopped, LineLost, PortAppeared };
+    // How a pass over the ports ended.
+    struct CycleEnd
+    {
+        bool connected = false;    // a device answered on some port
+        bool portAppeared = false; // a new candidate port cut the pass short
+    };
 
+    bool keepsRunning(const std::stop_token& stop) const;
     void threadScan(std::stop_token stop);
+    // One pass over the candidate ports; watcher is left watching for the pause that follows.
+    CycleEnd scanCycle(const std::stop_token& stop, std::unique_ptr<PortWatcher>& watcher);
+    // Opens path, asks for the revision and holds the connection while the device answers.
+    void tryPort(const std::string& path, const std::stop_token& stop, CycleEnd& cycle);
+    // The connected loop: state 2 every keep-alive period while the battery read answers.
+    void holdConnection(bool present, const std::stop_token& stop, CycleEnd& cycle);
     // Waits for duration unless stop() comes first, or (with watchLine) the line hangs up, or
     // (with a watcher) a candidate port appears that was not there when the pause began.
     Wake pause(std::chrono::milliseconds duration, bool watchLine, PortWatcher* watcher = nullptr);

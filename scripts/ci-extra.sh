@@ -6,7 +6,8 @@
 #   4. the engine, simulator and CLI tests under ThreadSanitizer (build-tsan/)
 #   5. every libFuzzer target for FUZZ_SECONDS each (build-fuzz/), failing on any crash
 #   6. a short benchmark run (figures only; it fails CI only if it crashes)
-# Usage: scripts/ci-extra.sh [unprivileged|clang|asan|tsan|fuzz|bench]...   (no argument: all)
+#   7. clang-tidy over the engine's sources, failing on any finding (compile commands of build/)
+# Usage: scripts/ci-extra.sh [unprivileged|clang|asan|tsan|fuzz|bench|tidy]...   (no argument: all)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$(pwd)
@@ -119,8 +120,15 @@ run_bench() {
     fi
 }
 
+run_tidy() {
+    step "clang-tidy: engine"
+    local dir=${BUILD_DIR:-build}
+    [ -f "$dir/compile_commands.json" ] || configure "$dir"
+    scripts/clang-tidy.sh "$dir" support serial protocol device
+}
+
 steps=("$@")
-[ ${#steps[@]} -eq 0 ] && steps=(unprivileged clang asan tsan fuzz bench)
+[ ${#steps[@]} -eq 0 ] && steps=(unprivileged clang asan tsan fuzz bench tidy)
 for s in "${steps[@]}"; do
     case "$s" in
         unprivileged) run_unprivileged ;;
@@ -129,6 +137,7 @@ for s in "${steps[@]}"; do
         tsan) run_tsan ;;
         fuzz) run_fuzz ;;
         bench) run_bench ;;
+        tidy) run_tidy ;;
         *) echo "unknown step '$s'" >&2; exit 2 ;;
     esac
 done

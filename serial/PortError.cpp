@@ -1,5 +1,7 @@
 #include "serial/PortError.h"
 
+#include "support/ErrorText.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -214,7 +216,7 @@ std::string describePortError(const std::string& path, const PortError& error,
     case EIO:
         return "input/output error: the device went away while opening; plug it in again";
     default:
-        return "could not be opened: " + error.call + ": " + std::strerror(error.error) + " (" +
+        return "could not be opened: " + error.call + ": " + errorText(error.error) + " (" +
                std::to_string(error.error) + ")";
     }
 }

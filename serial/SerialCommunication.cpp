@@ -8,15 +8,11 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <exception>
 
 namespace dravinel {
 
 namespace {
-
-// How long the reader rests between turns while the line is gone.
-constexpr std::chrono::milliseconds kLineGonePause{50};
 
 bool lineHungUp(int fd)
 {
@@ -106,27 +102,29 @@ void SerialCommunication::stop()
     }
 }
 
-void SerialCommunication::insertByteFrameToSend(const Bytes& frame)
+bool SerialCommunication::insertByteFrameToSend(const Bytes& frame)
 {
-    sendFrame(frame);
+    return sendFrame(frame);
 }
 
-void SerialCommunication::insertStringFrameToSend(const std::string& text)
+bool SerialCommunication::insertStringFrameToSend(const std::string& text)
 {
     // One byte more than the text, as a C string would carry its terminator.
     Bytes buffer(text.begin(), text.end());
     buffer.push_back(0);
     Logger::getInstance().logDebug("Inserting data to send buffer : %s", text.c_str());
-    sendFrame(buffer);
+    return sendFrame(buffer);
 }
 
-void SerialCommunication::sendFrame(const Bytes& frame)
+bool SerialCommunication::sendFrame(const Bytes& frame)
 {
+    bool written = false;
     {
         std::lock_guard lock(m_writeMutex);
-        send_frame(port_f_desc, frame);
+        written = send_frame(port_f_desc, frame);
     }
     postOutcomingFrameNotification(frame);
+    return written;
 }
 
 void SerialCommunication::postIncomingFrameNotification(const Bytes& frame)
@@ -177,9 +175,10 @@ void SerialCommunication::readThread(std::stop_token stop)
 {
     while (m_running && !stop.stop_requested()) {
         if (deviceFrameCheck()) {
-            // The line is gone: rest until the owner stops the channel, instead of spinning.
-            std::unique_lock lock(m_pauseMutex);
-            m_pause.wait_for(lock, stop, kLineGonePause, [] { return false; });
+            // The line is gone and nothing brings it back: rest until the owner stops the
+            // channel, instead of spinning.
+            std::unique_lock lock(m_restMutex);
+            m_rest.wait(lock, stop, [] { return false; });
         }
     }
     m_stopped = true;

@@ -55,15 +55,16 @@ public:
     void stop();
     bool isRunning() const { return m_running; }
 
-    void insertByteFrameToSend(const Bytes& frame);
-    void insertStringFrameToSend(const std::string& text);
-    void sendFrame(const Bytes& frame);
+    // Each returns true when one write wrote the whole frame; the frame is posted either way.
+    bool insertByteFrameToSend(const Bytes& frame);
+    bool insertStringFrameToSend(const std::string& text);
+    bool sendFrame(const Bytes& frame);
 
     void postIncomingFrameNotification(const Bytes& frame);
     void postOutcomingFrameNotification(const Bytes& frame);
 
     // One turn of the reader. Returns true when the line is gone (node vanished, hang-up, port
-    // closed), so that the reader rests instead of turning again at once.
+    // closed), so that the reader rests until the channel stops instead of turning again.
     bool deviceFrameCheck();
 
     static std::vector<std::string> getSerialPortPaths();
@@ -82,8 +83,8 @@ private:
 
     std::mutex m_writeMutex; // a write never meets the close of its descriptor
     int m_wakeFd = -1;       // an eventfd that ends the reader's wait when the channel stops
-    std::mutex m_pauseMutex;
-    std::condition_variable_any m_pause;
+    std::mutex m_restMutex;
+    std::condition_variable_any m_rest;   // woken by the stop token alone
     std::optional<PortError> m_lastError; // written and read by the owner's thread only
     std::function<void()> m_onLineLost;
     std::atomic<bool> m_lineLost{false};

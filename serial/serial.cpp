@@ -1,5 +1,7 @@
 #include "serial/serial.h"
 
+#include "support/ErrorText.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -14,6 +16,7 @@
 #include <fcntl.h>
 #include <linux/serial.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -91,20 +94,42 @@ char gLogBuffer[kLogBufferSize];
 // cannot grow the buffer without bound.
 constexpr std::size_t kMaxReadBytes = 4096;
 
-// Short enough that a cleared running flag ends a waiting read promptly, long enough that an
-// idle reader costs next to no CPU.
-constexpr int kReadWaitMs = 50;
+// A read given a keepReading flag but no wake descriptor has nothing that wakes it when the flag
+// clears, so it looks at the flag this often. Every other read sleeps until something happens.
+constexpr int kFlagCheckMs = 50;
+
+// Readable from the moment close_serial_port clears the running flag until the next open: a
+// waiting read wakes on it at once. Made once and kept for the process's life.
+int closingFd()
+{
+    static const int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    return fd;
+}
+
+void signalClosing()
+{
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t n = write(closingFd(), &one, sizeof one);
+}
+
+void clearClosing()
+{
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t n = read(closingFd(), &count, sizeof count);
+}
 
 std::mutex gSinkMutex;
 SerialMessageSink gSink;
 
-void emit(const std::string& message)
+// The module's messages go to standard error, except the enumeration's failure status, which
+// has always gone to standard output; a front end's sink takes both.
+void emit(const std::string& message, std::FILE* stream = stderr)
 {
     std::lock_guard lock(gSinkMutex);
     if (gSink)
         gSink(message);
     else
-        std::fputs(message.c_str(), stderr);
+        std::fputs(message.c_str(), stream);
 }
 
 // The messages are printf formats with the path, the error text and the number; a path or an
@@ -112,7 +137,7 @@ void emit(const std::string& message)
 void printError(const char* format, const char* path, int err = errno)
 {
     char line[1024];
-    std::snprintf(line, sizeof line, format, path, std::strerror(err), err);
+    std::snprintf(line, sizeof line, format, path, errorText(err).c_str(), err);
     emit(line);
 }
 
@@ -220,7 +245,7 @@ int find_ports(std::vector<SerialService>& services, const SerialRoots& roots)
     std::error_code ec;
     const auto ttyNames = sortedEntryNames(roots.sysClassTty, ec);
     if (ec) {
-        emit("IOServiceGetMatchingServices returned " + std::to_string(ec.value()) + "\n");
+        emit("IOServiceGetMatchingServices returned " + std::to_string(ec.value()) + "\n", stdout);
         return ec.value();
     }
     for (const auto& name : ttyNames) {
@@ -341,6 +366,7 @@ int open_serial_port(const char* path, PortError* error)
     // taken for the answer to the first request and shift every later answer by one.
     tcflush(fd, TCIFLUSH);
 
+    clearClosing();
     running = 1;
     return fd;
 }
@@ -349,17 +375,18 @@ int close_serial_port(int fd)
 {
     // First, so that a reader waiting on another thread gives up.
     running = 0;
+    signalClosing();
     char line[256];
     if (tcdrain(fd) == -1) {
         const int err = errno;
-        std::snprintf(line, sizeof line, "Error waiting for drain - %s(%d).\n", std::strerror(err),
-                      err);
+        std::snprintf(line, sizeof line, "Error waiting for drain - %s(%d).\n",
+                      errorText(err).c_str(), err);
         emit(line);
     }
     if (tcsetattr(fd, TCSANOW, &gOriginalTTYAttrs) == -1) {
         const int err = errno;
         std::snprintf(line, sizeof line, "Error resetting tty attributes - %s(%d).\n",
-                      std::strerror(err), err);
+                      errorText(err).c_str(), err);
         emit(line);
     }
     if (gLowLatencyAdded) {
@@ -370,7 +397,7 @@ int close_serial_port(int fd)
     // pty, or a port another program holds): left set, it would refuse our own next open.
     ioctl(fd, TIOCNXCL);
     {
-        // The cleared flag ends every read within one wait period.
+        // The cleared flag and the closing signal end every read at once.
         std::unique_lock lock(gReadersMutex);
         gReadersLeft.wait(lock, [] { return gActiveReads == 0; });
     }
@@ -395,6 +422,52 @@ Bytes read_byte(int fd)
     return bytes;
 }
 
+namespace {
+
+// Why the read stops here, or nothing when a byte may still come: one read of one byte, so that
+// nothing past the stop byte is taken from the port and the next call starts with the next frame.
+std::optional<ReadEnd> readOne(int fd, std::uint8_t stopByte, Bytes& bytes, bool& wait)
+{
+    std::uint8_t scratch = 0;
+    const ssize_t n = read(fd, &scratch, 1);
+    wait = false;
+    if (n == 1) {
+        if (scratch == stopByte)
+            return ReadEnd::StopByte;
+        bytes.push_back(scratch);
+        if (bytes.size() >= kMaxReadBytes)
+            return ReadEnd::Full;
+        return std::nullopt;
+    }
+    if (n == 0)
+        return ReadEnd::HungUp; // the other end hung up
+    if (errno == EINTR)
+        return std::nullopt;
+    if (errno != EAGAIN && errno != EWOULDBLOCK)
+        return ReadEnd::HungUp; // EIO from a pulled adapter or a closed pty master; EBADF
+    wait = true;
+    return std::nullopt;
+}
+
+// Sleeps until the port has a byte or hangs up, the owner's wake descriptor or the closing
+// signal is readable, or (for a flag without a descriptor) the flag's check is due. An unplugged
+// adapter or a closed pty master hangs the line up, which wakes the poll: the node's vanishing
+// needs no watch of its own.
+std::optional<ReadEnd> waitForByte(int fd, int wakeFd, bool flagOnly)
+{
+    pollfd fds[3] = {{fd, POLLIN, 0}, {closingFd(), POLLIN, 0}, {wakeFd, POLLIN, 0}};
+    const int ready = poll(fds, wakeFd >= 0 ? 3 : 2, flagOnly ? kFlagCheckMs : -1);
+    if (ready < 0)
+        return errno == EINTR ? std::nullopt : std::optional(ReadEnd::HungUp);
+    if ((fds[0].revents & POLLIN) == 0 && (fds[0].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0)
+        return ReadEnd::HungUp;
+    if ((fds[1].revents & POLLIN) != 0 || (fds[2].revents & POLLIN) != 0)
+        return ReadEnd::Stopped; // closed, or the owner wants the read to end now
+    return std::nullopt;
+}
+
+} // namespace
+
 Bytes read_bytes_until_byte(int fd, std::uint8_t stopByte, const std::atomic<bool>* keepReading,
                             int wakeFd, ReadEnd* end)
 {
@@ -409,50 +482,17 @@ Bytes read_bytes_until_byte(int fd, std::uint8_t stopByte, const std::atomic<boo
     const auto mayGoOn = [keepReading] {
         return running == 1 && (keepReading == nullptr || keepReading->load());
     };
-
-    // One byte per read, so that nothing past the stop byte is taken from the port: the next
-    // call starts with the next frame.
+    const bool flagOnly = keepReading != nullptr && wakeFd < 0;
     do {
-        std::uint8_t scratch = 0;
-        const ssize_t n = read(fd, &scratch, 1);
-        if (n == 1) {
-            if (scratch == stopByte) {
-                why = ReadEnd::StopByte;
-                break;
-            }
-            bytes.push_back(scratch);
-            if (bytes.size() >= kMaxReadBytes) {
-                why = ReadEnd::Full;
-                break;
-            }
-            continue;
-        }
-        if (n == 0) {
-            why = ReadEnd::HungUp; // the other end hung up
+        bool wait = false;
+        std::optional<ReadEnd> ended = readOne(fd, stopByte, bytes, wait);
+        // The flags are looked at before sleeping, so a close that came first is not slept through.
+        if (!ended && wait && mayGoOn())
+            ended = waitForByte(fd, wakeFd, flagOnly);
+        if (ended) {
+            why = *ended;
             break;
         }
-        if (errno == EINTR)
-            continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK) {
-            // EIO from a pulled adapter or a closed pty master; EBADF after a close.
-            why = ReadEnd::HungUp;
-            break;
-        }
-
-        // Nothing waiting: sleep on the descriptor instead of spinning on it.
-        pollfd fds[2] = {{fd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
-        const int ready = poll(fds, wakeFd >= 0 ? 2 : 1, kReadWaitMs);
-        if (ready < 0 && errno != EINTR) {
-            why = ReadEnd::HungUp;
-            break;
-        }
-        if (ready > 0 && (fds[0].revents & POLLIN) == 0 &&
-            (fds[0].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
-            why = ReadEnd::HungUp;
-            break;
-        }
-        if (wakeFd >= 0 && (fds[1].revents & POLLIN) != 0)
-            break; // The owner wants the read to end now.
     } while (mayGoOn());
     return bytes;
 }

@@ -50,8 +50,8 @@ void set_serial_message_sink(SerialMessageSink sink);
 // programs of any user, root included) and sets it up raw at 115200 8N1 with stale input
 // flushed. Returns the descriptor, or -1 with the failure in *error when given.
 int open_serial_port(const char* path, PortError* error = nullptr);
-// Ends the reads in progress (they stop within one wait of at most 50 ms), puts back the
-// settings found at open and gives up exclusive use, then closes the descriptor.
+// Ends the reads in progress (a waiting read wakes at once), puts back the settings found at
+// open and gives up exclusive use, then closes the descriptor.
 int close_serial_port(int fd);
 bool send_frame(int fd, const Bytes& frame);
 Bytes read_byte(int fd);
@@ -66,8 +66,9 @@ enum class ReadEnd {
 
 // Reads up to (not including) stopByte. Besides the module's own running flag, the read also
 // ends when keepReading (if given) turns false, so an owner can end it without closing the port.
-// It waits with poll(2), never spins, and gathers at most 4096 bytes. A readable wakeFd (if
-// given) ends the read at once, so that an owner need not wait out a poll.
+// It gathers at most 4096 bytes and sleeps in poll(2) until a byte, a hang-up, a close or a
+// readable wakeFd (if given), which ends the read at once. A keepReading flag without a wakeFd
+// cannot wake the poll, so such a read looks at the flag every 50 ms.
 Bytes read_bytes_until_byte(int fd, std::uint8_t stopByte,
                             const std::atomic<bool>* keepReading = nullptr, int wakeFd = -1,
                             ReadEnd* end = nullptr);

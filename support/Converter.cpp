@@ -53,7 +53,8 @@ void Converter::initialize()
 
 const Converter& Converter::getInstance()
 {
-    // Never destroyed: detached threads may still log frames while the process exits.
+    // Never destroyed: an owner destroyed at exit, after it would be, may still join a thread
+    // that logs frames on its way out.
     static auto* shared = new Converter;
     return *shared;
 }

@@ -1,5 +1,7 @@
 #include "support/Files.h"
 
+#include "support/ErrorText.h"
+
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -91,9 +93,78 @@ std::string describeFileError(const FileError& error)
     case FileError::Kind::System:
         break;
     }
-    return error.path + ": " + error.call + ": " + std::strerror(error.error) + " (" +
+    return error.path + ": " + error.call + ": " + errorText(error.error) + " (" +
            std::to_string(error.error) + ")";
 }
+
+namespace {
+
+// Reads the open regular file fd into text if it holds at most limit bytes.
+std::optional<FileError> readOpenFile(int fd, const std::string& path, std::size_t limit,
+                                      std::string& text)
+{
+    const std::string limitText = std::to_string(limit) + " bytes";
+    struct stat info
+    {};
+    if (::fstat(fd, &info) != 0)
+        return systemError("fstat", path);
+    if (!S_ISREG(info.st_mode))
+        return fault(FileError::Kind::NotRegular, path, kindOf(info.st_mode));
+    if (static_cast<std::uint64_t>(info.st_size) > limit)
+        return fault(FileError::Kind::TooLarge, path, limitText);
+    // One byte more than allowed tells a file that grew past the limit from one that did not.
+    std::string buffer(limit + 1, '\0');
+    std::size_t used = 0;
+    while (used < buffer.size()) {
+        const ssize_t n = ::read(fd, buffer.data() + used, buffer.size() - used);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return systemError("read", path);
+        if (n == 0)
+            break;
+        used += static_cast<std::size_t>(n);
+    }
+    if (used > limit)
+        return fault(FileError::Kind::TooLarge, path, limitText);
+    buffer.resize(used);
+    text = std::move(buffer);
+    return std::nullopt;
+}
+
+// Follows current through its chain of symlinks to a regular file or a name not yet taken.
+std::optional<FileError> followLinks(const std::string& path, std::string& current)
+{
+    for (int links = 0;; ++links) {
+        struct stat info
+        {};
+        if (::lstat(current.c_str(), &info) != 0) {
+            if (errno != ENOENT)
+                return systemError("lstat", current);
+            return std::nullopt; // a new file
+        }
+        if (S_ISDIR(info.st_mode))
+            return fault(FileError::Kind::Folder, path);
+        if (S_ISREG(info.st_mode))
+            return std::nullopt;
+        if (!S_ISLNK(info.st_mode))
+            return fault(FileError::Kind::NotRegular, path, kindOf(info.st_mode));
+        if (links == kMaxLinks)
+            return systemError("readlink", path, ELOOP);
+        char buffer[PATH_MAX];
+        const ssize_t n = ::readlink(current.c_str(), buffer, sizeof buffer);
+        if (n < 0)
+            return systemError("readlink", current);
+        if (static_cast<std::size_t>(n) >= sizeof buffer)
+            return systemError("readlink", current, ENAMETOOLONG);
+        const std::string link(buffer, static_cast<std::size_t>(n));
+        current = link.starts_with('/') ? link : folderOf(current) + "/" + link;
+        if (current.back() == '/')
+            return fault(FileError::Kind::Folder, path);
+    }
+}
+
+} // namespace
 
 std::optional<FileError> readSmallFile(const std::string& path, std::size_t limit,
                                        std::string& text)
@@ -113,37 +184,7 @@ std::optional<FileError> readSmallFile(const std::string& path, std::size_t limi
     const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0)
         return systemError("open", path);
-    std::optional<FileError> failure;
-    const std::string limitText = std::to_string(limit) + " bytes";
-    if (::fstat(fd, &info) != 0) {
-        failure = systemError("fstat", path);
-    } else if (!S_ISREG(info.st_mode)) {
-        failure = fault(FileError::Kind::NotRegular, path, kindOf(info.st_mode));
-    } else if (static_cast<std::uint64_t>(info.st_size) > limit) {
-        failure = fault(FileError::Kind::TooLarge, path, limitText);
-    } else {
-        // One byte more than allowed tells a file that grew past the limit from one that did not.
-        std::string buffer(limit + 1, '\0');
-        std::size_t used = 0;
-        while (used < buffer.size()) {
-            const ssize_t n = ::read(fd, buffer.data() + used, buffer.size() - used);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n < 0) {
-                failure = systemError("read", path);
-                break;
-            }
-            if (n == 0)
-                break;
-            used += static_cast<std::size_t>(n);
-        }
-        if (!failure && used > limit)
-            failure = fault(FileError::Kind::TooLarge, path, limitText);
-        if (!failure) {
-            buffer.resize(used);
-            text = std::move(buffer);
-        }
-    }
+    auto failure = readOpenFile(fd, path, limit, text);
     ::close(fd);
     return failure;
 }
@@ -155,33 +196,8 @@ std::optional<FileError> resolveReplaceTarget(const std::string& path, std::stri
     if (path.back() == '/')
         return fault(FileError::Kind::Folder, path);
     std::string current = path;
-    for (int links = 0;; ++links) {
-        struct stat info
-        {};
-        if (::lstat(current.c_str(), &info) != 0) {
-            if (errno != ENOENT)
-                return systemError("lstat", current);
-            break; // a new file
-        }
-        if (S_ISDIR(info.st_mode))
-            return fault(FileError::Kind::Folder, path);
-        if (S_ISREG(info.st_mode))
-            break;
-        if (!S_ISLNK(info.st_mode))
-            return fault(FileError::Kind::NotRegular, path, kindOf(info.st_mode));
-        if (links == kMaxLinks)
-            return systemError("readlink", path, ELOOP);
-        char buffer[PATH_MAX];
-        const ssize_t n = ::readlink(current.c_str(), buffer, sizeof buffer);
-        if (n < 0)
-            return systemError("readlink", current);
-        if (static_cast<std::size_t>(n) >= sizeof buffer)
-            return systemError("readlink", current, ENAMETOOLONG);
-        const std::string link(buffer, static_cast<std::size_t>(n));
-        current = link.starts_with('/') ? link : folderOf(current) + "/" + link;
-        if (current.back() == '/')
-            return fault(FileError::Kind::Folder, path);
-    }
+    if (auto failure = followLinks(path, current))
+        return failure;
     const std::string folder = folderOf(current);
     struct stat info
     {};

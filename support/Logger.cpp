@@ -45,7 +45,8 @@ void Logger::initialize()
 
 Logger& Logger::getInstance()
 {
-    // Never destroyed: detached threads may still log while the process exits.
+    // Never destroyed: an owner destroyed at exit, after it would be, may still join a thread
+    // that logs on its way out.
     static auto* shared = new Logger;
     return *shared;
 }

@@ -47,7 +47,8 @@ std::optional<Bytes> Notification::bytes(const std::string& key) const
 
 NotificationCenter& NotificationCenter::defaultCenter()
 {
-    // Never destroyed: detached threads may still post while the process exits.
+    // Never destroyed: an owner destroyed at exit, after it would be, may still join a thread
+    // that posts on its way out.
     static auto* center = new NotificationCenter;
     return *center;
 }

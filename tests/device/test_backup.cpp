@@ -69,6 +69,16 @@ TEST(BackupTest, AnythingButExactlyABackupIsRefusedWithItsPlace)
         {withCycleTimeout("null"), "line 2, column 47: " + range},
         {withCycleTimeout("012"), "line 2, column 66: syntax error while parsing object - "
                                   "unexpected number literal; expected '}'"},
+        // The place at the edges: the first character, the end of the input, and columns
+        // counted in characters after a two-byte one.
+        {"x", "line 1, column 1: syntax error while parsing value - invalid literal; last read: "
+              "'x'"},
+        {"{\"current_limit\": 1,", "line 1, column 21: syntax error while parsing object key - "
+                                   "unexpected end of input; expected string literal"},
+        {"{\"revision\": \"\xc3\xa9\" x", "line 1, column 18: syntax error while parsing "
+                                          "object - invalid literal; last read: '\"\xc3\xa9\" x'; "
+                                          "expected '}'"},
+        {"{\"revision\": \"\xc3\xa9\", \"x\": 1}", "line 1, column 19: unknown key \"x\""},
     };
     for (const auto& [text, message] : cases) {
         std::string error;

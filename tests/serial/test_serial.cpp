@@ -280,6 +280,14 @@ TEST_F(SerialTest, PortPathsListByIdFirstThenRealHardwareOnce)
     EXPECT_TRUE(get_port_paths(bare("none")).empty());
     EXPECT_EQ(takeMessages(), "IOServiceGetMatchingServices returned " + std::to_string(ENOENT) +
                                   "\nCouldn't find ports\n");
+    // Without a sink of a front end's, the status goes to standard output, the rest to error.
+    set_serial_message_sink({});
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    EXPECT_TRUE(get_port_paths(bare("none")).empty());
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              "IOServiceGetMatchingServices returned " + std::to_string(ENOENT) + "\n");
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Couldn't find ports\n");
 }
 
 // The channel with a framing of the test's own: two bytes or fewer are noise, the rest get '|'.
@@ -317,7 +325,7 @@ TEST_F(ChannelTest, CutsTheStreamWithItsOwnersFramingAndPublishesBothDirections)
     write("b,1\nab\nv,37\n");
     ASSERT_TRUE(incoming.waitForCount(2, 2s));
     EXPECT_EQ(incoming.texts(), (std::vector<std::string>{"b,1|", "v,37|"}));
-    m_channel.insertByteFrameToSend(toBytes("C120\n\r"));
+    EXPECT_TRUE(m_channel.insertByteFrameToSend(toBytes("C120\n\r")));
     EXPECT_EQ(outgoing.texts(), std::vector<std::string>{"C120\n\r"});
     EXPECT_EQ(toText(read_bytes_until_byte(m_master, '\r')), "C120\n");
     const auto before = std::chrono::steady_clock::now();
@@ -325,7 +333,7 @@ TEST_F(ChannelTest, CutsTheStreamWithItsOwnersFramingAndPublishesBothDirections)
     EXPECT_LT(std::chrono::steady_clock::now() - before, 500ms);
     EXPECT_FALSE(m_channel.isRunning());
     EXPECT_EQ(m_lost, 0) << "a stop is not a lost line";
-    m_channel.sendFrame(toBytes("V\n\r")); // after the stop: goes nowhere, but is posted
+    EXPECT_FALSE(m_channel.sendFrame(toBytes("V\n\r"))); // after the stop: fails, but is posted
     EXPECT_EQ(outgoing.size(), 2u);
 
     SerialCommunication unnamed({});
