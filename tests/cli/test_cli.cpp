@@ -272,14 +272,8 @@ TEST_F(CliTest, DeviceFaultsAreNamedAndLeaveTheDeviceAsReported)
         m_sim->setSettings({});
         m_sim->clearAnswerOverrides();
         m_sim->clearRequests();
-        std::jthread late;
-        if (how.size() > 2 && how[1] == '=')
-            m_sim->setAnswerOverride(how[0], how.substr(2));
-        else if (how.size() > 2)
-            late = std::jthread([this, how = how] {
-                m_sim->waitForRequests(how[0], 1, 10s);
-                m_sim->setAnswerOverride(how[0], how.substr(2));
-            });
+        if (how.size() > 2)
+            m_sim->setAnswerOverride(how[0], how.substr(2), how[1] == '=' ? 0 : 1);
         const auto run = onDevice(args);
         EXPECT_EQ(run.code, code) << run.err;
         EXPECT_EQ(run.err, message.empty() ? "" : "dravinel-cli: " + message);
