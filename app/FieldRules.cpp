@@ -20,10 +20,18 @@ std::optional<std::uint32_t> parseWhole(std::string_view text, std::uint32_t max
     return value;
 }
 
+bool isBlank(std::string_view text)
+{
+    return text.find_first_not_of(' ') == std::string_view::npos;
+}
+
 std::optional<std::uint16_t> cycleTimeout(std::string_view hours, std::string_view minutes)
 {
-    const auto h = parseWhole(hours, kMaxHours);
-    const auto m = parseWhole(minutes, kMaxMinutes);
+    if (isBlank(hours) && isBlank(minutes))
+        return std::nullopt;
+    const auto h = isBlank(hours) ? std::optional<std::uint32_t>(0) : parseWhole(hours, kMaxValue);
+    const auto m =
+        isBlank(minutes) ? std::optional<std::uint32_t>(0) : parseWhole(minutes, kMaxValue);
     if (!h || !m || *h * 60 + *m > kMaxValue)
         return std::nullopt;
     return static_cast<std::uint16_t>(*h * 60 + *m);

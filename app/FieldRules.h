@@ -10,13 +10,16 @@
 namespace dravinel::fields {
 
 inline constexpr std::uint32_t kMaxValue = 65535;
-inline constexpr std::uint32_t kMaxHours = kMaxValue / 60; // 1092
-inline constexpr std::uint32_t kMaxMinutes = 59;
+
+// Empty or spaces only.
+bool isBlank(std::string_view text);
 
 // A whole number from 0 to max: decimal digits only, spaces around them allowed.
 std::optional<std::uint32_t> parseWhole(std::string_view text, std::uint32_t max);
 
-// The cycle time-out in minutes, when both fields are valid and their total fits 16 bits.
+// The cycle time-out in minutes: hours × 60 + minutes, minutes over 59 included, an empty field
+// beside a filled one counting as 0; nothing when both are empty, either is not a whole number
+// up to 65535, or the total does not fit 16 bits.
 std::optional<std::uint16_t> cycleTimeout(std::string_view hours, std::string_view minutes);
 
 } // namespace dravinel::fields
