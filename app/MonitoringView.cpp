@@ -42,6 +42,8 @@ MonitoringView::MonitoringView(Ui::MasterView& ui, DeviceSessionController& devi
     m_stack->setMinimumHeight(m_chart->minimumSizeHint().height());
     m_stack->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     ui.monitoringLayout->insertWidget(hintIndex, m_stack);
+    // The row keeps the reading's height when it shows the smaller dash.
+    m_value->setMinimumHeight(m_value->sizeHint().height());
     show(QStringLiteral("-"), Look::None);
 
     m_combo->installEventFilter(this);
@@ -114,9 +116,10 @@ void MonitoringView::show(const QString& text, Look look)
 {
     // A missing value reads as a quiet dash, not as a bar in the reading's colour; a wrong
     // answer is said in words, in the body's size.
-    static const QString styles[] = {QStringLiteral("color: #5a6675; font: normal;"),
-                                     QStringLiteral("color: #1f4e79;"),
-                                     QStringLiteral("color: #c62828; font: normal;")};
+    static const QString styles[] = {
+        QStringLiteral("color: #5a6675; font-size: 12pt; font-weight: normal;"),
+        QStringLiteral("color: #1f4e79;"),
+        QStringLiteral("color: #c62828; font-size: 12pt; font-weight: normal;")};
     m_value->setText(text);
     m_value->setStyleSheet(styles[static_cast<int>(look)]);
 }
