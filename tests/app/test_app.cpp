@@ -214,6 +214,7 @@ void AppTest::startUpLookAndASearchThatFindsNothingSaysWhy()
     QTest::keyClick(welcome(), Qt::Key_Return);
     QVERIFY(widget<QPushButton>("welcomeCancelButton")->isEnabled());
     QTRY_COMPARE_WITH_TIMEOUT(text("welcomeStatusLabel"), notFound, 10000);
+    QCOMPARE(welcome()->focusWidget(), widget<QWidget>("welcomeOpenButton"));
     QVERIFY(detail->isVisible());
     QCOMPARE(detail->text().section('\n', 0, 0), u"No Dravinel device is plugged in."_s);
     QVERIFY(detail->text().contains(u"--port"_s));
@@ -584,8 +585,20 @@ void AppTest::deliberateChoicesNamedControlsAndQuittingAnyTime()
     QVERIFY(m_sim->waitForRequests('O', 1, 1000ms));
     QCOMPARE(m_sim->requestCount('M'), std::size_t{0});
 
-    // Escape does not close the welcome panel; its close button leaves the window usable.
+    // The title link is one Tab stop, left by Tab and Shift+Tab alike.
+    auto* title = widget<QLabel>("leDravinelTitle");
+    for (const auto modifier : {Qt::NoModifier, Qt::ShiftModifier}) {
+        title->setFocus();
+        QTest::keyClick(title, Qt::Key_Tab, modifier);
+        QVERIFY(QApplication::focusWidget() != title);
+    }
+
+    // Escape does not close the welcome panel, which stays centred on the main window; its
+    // close button leaves the window usable.
     welcome()->show();
+    window->move(window->pos() + QPoint(40, 30));
+    QTRY_VERIFY((welcome()->frameGeometry().center() - window->frameGeometry().center())
+                    .manhattanLength() <= 2);
     QTest::keyClick(welcome(), Qt::Key_Escape);
     QVERIFY(welcome()->isVisible());
     QVERIFY(welcome()->close());
