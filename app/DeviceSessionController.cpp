@@ -160,6 +160,7 @@ void DeviceSessionController::cancel()
     retireManager();
     m_state = ConnectionState::Disconnected;
     emit stateChanged(m_state);
+    emit searchCancelled();
 }
 
 void DeviceSessionController::startManager()

@@ -63,6 +63,8 @@ signals:
     void stateChanged(dravinel::ConnectionState state);
     // A search gave up by itself: each port tried, with why it was not the device.
     void searchFailed(const QStringList& reasons);
+    // After the Disconnected state that cancel() brought.
+    void searchCancelled();
     void revisionRead(const QString& revision);
     void batteryRead(const dravinel::Reading& reading, double volts);
     void settingsRead(const std::optional<dravinel::SettingsData>& settings);

@@ -92,6 +92,10 @@ MasterViewController::MasterViewController(QWidget* parent)
         emit statusMessage(QStringLiteral("Could not find device. ") +
                            QString(detail).replace(QLatin1Char('\n'), QLatin1Char(' ')));
     });
+    connect(device, &DeviceSessionController::searchCancelled, this, [this] {
+        m_welcome->showCancelled();
+        emit statusMessage(QStringLiteral("Search cancelled"));
+    });
     connect(device, &DeviceSessionController::portAppeared, this, [this] {
         emit statusMessage(QStringLiteral("A device port appeared: searching"));
         if (m_welcome->isVisible())
@@ -151,11 +155,8 @@ void MasterViewController::loadDisplay()
         m_welcome = new WelcomePanel(window());
         connect(m_welcome, &WelcomePanel::openRequested, this,
                 &MasterViewController::openWelcomeSearch);
-        connect(m_welcome, &WelcomePanel::cancelRequested, this, [this] {
-            m_device->cancel();
-            m_welcome->showCancelled();
-            emit statusMessage(QStringLiteral("Search cancelled"));
-        });
+        connect(m_welcome, &WelcomePanel::cancelRequested, m_device.get(),
+                &DeviceSessionController::cancel);
     }
     m_welcome->prepare();
     m_inWelcomePopup = true;
