@@ -31,11 +31,17 @@ std::string answerText(const Bytes& frame)
     return text;
 }
 
-std::shared_ptr<DeviceManager> DeviceManager::create(Options options)
+std::shared_ptr<DeviceManager> DeviceManager::create(Options options, Start start)
 {
     auto manager = std::make_shared<DeviceManager>(PassKey{}, std::move(options));
-    manager->m_serialManager.start();
+    if (start == Start::Now)
+        manager->start();
     return manager;
+}
+
+void DeviceManager::start()
+{
+    m_serialManager.start();
 }
 
 DeviceManager::DeviceManager(PassKey, Options options) : m_serialManager(*this, std::move(options))
@@ -236,33 +242,76 @@ bool DeviceManager::saveAndExit()
     return true;
 }
 
-std::uint16_t DeviceManager::readSensor(char request, char response, const char* prefix,
-                                        const char* notification, const char* key,
-                                        std::optional<std::string>* answer)
+std::optional<std::uint16_t> DeviceManager::readSensor(char request, char response,
+                                                       const char* prefix, const char* notification,
+                                                       const char* key,
+                                                       std::optional<std::string>* answer)
 {
     auto value = requestNumber(request, {}, response, prefix, answer);
     if (!value)
-        return VAL_UNDEF;
+        return std::nullopt;
     logger().logDebug("%s: Success", prefix);
     post(notification, key, *value);
-    return *value;
+    return value;
 }
+
+namespace {
+
+std::uint16_t reported(const std::optional<std::uint16_t>& value, bool* ok)
+{
+    if (ok)
+        *ok = value.has_value();
+    return value.value_or(VAL_UNDEF);
+}
+
+} // namespace
 
 std::uint16_t DeviceManager::readVBatt()
 {
     return readVBatt(nullptr);
 }
 
-std::uint16_t DeviceManager::readVBatt(std::optional<std::string>* answer)
+std::uint16_t DeviceManager::readVBatt(std::optional<std::string>* answer, bool* ok)
 {
-    return readSensor(READ_V_BATT_REQ, READ_V_BATT_RESP, "DeviceManager ReadVBatt", ReadVBattEvent,
-                      "vbatt", answer);
+    return reported(readSensor(READ_V_BATT_REQ, READ_V_BATT_RESP, "DeviceManager ReadVBatt",
+                               ReadVBattEvent, "vbatt", answer),
+                    ok);
+}
+
+bool DeviceManager::keepAliveAnswered()
+{
+    std::optional<std::string> answer;
+    bool ok = false;
+    const std::uint16_t value = readVBatt(&answer, &ok);
+    if (!answer)
+        return false;
+    KeepAliveObserver observer;
+    {
+        std::lock_guard lock(m_observerMutex);
+        observer = m_keepAliveObserver;
+    }
+    if (observer)
+        observer(ok ? std::optional(value) : std::nullopt, *answer);
+    return true;
+}
+
+void DeviceManager::setKeepAliveObserver(KeepAliveObserver observer)
+{
+    std::lock_guard lock(m_observerMutex);
+    m_keepAliveObserver = std::move(observer);
 }
 
 std::uint16_t DeviceManager::readReedSensor()
 {
-    return readSensor(READ_REED_SENSOR_REQ, READ_REED_SENSOR_RESP, "DeviceManager readReedSensor",
-                      MonitorReedSensorEvent, "value", nullptr);
+    return readReedSensor(nullptr);
+}
+
+std::uint16_t DeviceManager::readReedSensor(std::optional<std::string>* answer, bool* ok)
+{
+    return reported(readSensor(READ_REED_SENSOR_REQ, READ_REED_SENSOR_RESP,
+                               "DeviceManager readReedSensor", MonitorReedSensorEvent, "value",
+                               answer),
+                    ok);
 }
 
 DeviceManager::IRReply DeviceManager::parseIRReply(const std::string& text)
@@ -277,8 +326,19 @@ DeviceManager::IRReply DeviceManager::parseIRReply(const std::string& text)
 
 std::uint16_t DeviceManager::readIR()
 {
+    return readIR(nullptr);
+}
+
+std::uint16_t DeviceManager::readIR(std::optional<std::string>* answer, bool* ok)
+{
+    if (ok)
+        *ok = false;
     // The IR reply is a text line ("IR: <n>"), not a coded answer.
-    auto results = m_serialManager.sendWithResponses(READ_IR_REQ, nullptr, 0, 1, RESPONSE_TIMEOUT);
+    std::vector<Bytes> received;
+    auto results =
+        m_serialManager.sendWithResponses(READ_IR_REQ, nullptr, 0, 1, RESPONSE_TIMEOUT, &received);
+    if (answer)
+        *answer = received.empty() ? std::nullopt : std::optional(answerText(received.front()));
     if (!results || results->empty() || results->front().empty())
         return VAL_UNDEF;
     const IRReply reply = parseIRReply(asciiText(results->front()));
@@ -294,6 +354,8 @@ std::uint16_t DeviceManager::readIR()
         break;
     }
     post(MonitorIREvent, "value", reply.value);
+    if (ok)
+        *ok = true;
     return reply.value;
 }
 

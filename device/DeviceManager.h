@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -53,12 +54,16 @@ public:
     // Creates the manager and starts looking for the device at once. The destructor stops the
     // scan and joins its thread, so the last handle must never be dropped on the scan thread
     // (inside a handler of the state it posts): front ends drop it on their own thread.
-    static std::shared_ptr<DeviceManager> create(Options options = {});
+    // With Start::Later nothing runs until start(): an owner can first learn the manager's
+    // address, which its notifications carry as their sender.
+    enum class Start { Now, Later };
+    static std::shared_ptr<DeviceManager> create(Options options = {}, Start start = Start::Now);
     DeviceManager(PassKey, Options options);
     ~DeviceManager();
     DeviceManager(const DeviceManager&) = delete;
     DeviceManager& operator=(const DeviceManager&) = delete;
 
+    void start();
     void stop();
     void clean();
     SerialManager& getSerialManager() { return m_serialManager; }
@@ -88,10 +93,21 @@ public:
     WriteResult saveCycleTimeout(std::uint16_t value);
     bool saveAndExit();
 
-    std::uint16_t readVBatt() override;
-    std::uint16_t readVBatt(std::optional<std::string>* answer);
+    std::uint16_t readVBatt();
+    // With answer, the first answer as it came (none when nothing came); with ok, whether the
+    // read gave a value, which tells a genuine 65535 from a failed read.
+    std::uint16_t readVBatt(std::optional<std::string>* answer, bool* ok = nullptr);
     std::uint16_t readReedSensor();
+    std::uint16_t readReedSensor(std::optional<std::string>* answer, bool* ok = nullptr);
     std::uint16_t readIR();
+    std::uint16_t readIR(std::optional<std::string>* answer, bool* ok = nullptr);
+    // The keep-alive's battery read: a reply that came, valid or not, keeps the connection.
+    bool keepAliveAnswered() override;
+    // Called on the scan thread with each keep-alive read that got a reply: the value, or
+    // nothing and what came instead.
+    using KeepAliveObserver =
+        std::function<void(std::optional<std::uint16_t> value, const std::string& answer)>;
+    void setKeepAliveObserver(KeepAliveObserver observer);
     // The reading of an IR reply text ("IR: <n>", LF CR), as readIR takes it.
     struct IRReply
     {
@@ -112,9 +128,9 @@ private:
     std::optional<std::uint16_t> requestNumber(char request, const std::string& content,
                                                char response, const char* prefix,
                                                std::optional<std::string>* answer = nullptr);
-    std::uint16_t readSensor(char request, char response, const char* prefix,
-                             const char* notification, const char* key,
-                             std::optional<std::string>* answer);
+    std::optional<std::uint16_t> readSensor(char request, char response, const char* prefix,
+                                            const char* notification, const char* key,
+                                            std::optional<std::string>* answer);
     void post(const char* name, const char* key, std::int64_t value);
 
     mutable std::mutex m_revisionMutex;
@@ -122,6 +138,8 @@ private:
     float m_batteryLevel = 0.0f;
     std::int32_t m_reedSensor = 0;
     std::int32_t m_infraRed = 0;
+    std::mutex m_observerMutex;
+    KeepAliveObserver m_keepAliveObserver;
     std::atomic<ConnectionState> m_connectionState{ConnectionState::Disconnected};
     // Last: its scan thread uses the members above, so it is joined before they go.
     SerialManager m_serialManager;

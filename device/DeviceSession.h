@@ -23,8 +23,8 @@ namespace dravinel {
 struct PortChoice
 {
     enum class Others { Scan, Never };
-    std::vector<std::string> ports;  // tried first, in this order
-    Others others = Others::Scan;    // Never: nothing but ports is ever opened
+    std::vector<std::string> ports; // tried first, in this order
+    Others others = Others::Scan;   // Never: nothing but ports is ever opened
 
     static PortChoice any() { return {}; }
     static PortChoice only(std::string path) { return {{std::move(path)}, Others::Never}; }
@@ -67,15 +67,22 @@ public:
     // Raw battery units a volt.
     static constexpr double kBatteryUnitsPerVolt = 111.0;
 
-    // Called on the engine's threads, never on the front end's: a front end moves screen work
-    // to its own thread. Called without the session's lock held.
+    // Called on the engine's threads, except for the result of readBattery and readSensor,
+    // which is also passed here on the thread that asked; a front end moves screen work to its
+    // own thread. Called without the session's lock held: a listener never calls the session.
     class Listener
     {
     public:
         virtual void stateChanged(ConnectionState state) = 0;
         virtual void revisionRead(const std::string& revision) { (void)revision; }
-        virtual void batteryRead(const Reading& reading, double volts) { (void)reading, (void)volts; }
-        virtual void sensorRead(Sensor sensor, const Reading& reading) { (void)sensor, (void)reading; }
+        virtual void batteryRead(const Reading& reading, double volts)
+        {
+            (void)reading, (void)volts;
+        }
+        virtual void sensorRead(Sensor sensor, const Reading& reading)
+        {
+            (void)sensor, (void)reading;
+        }
         virtual void motorSample(std::uint16_t current) { (void)current; }
         // pass is 1 or 2.
         virtual void motorPassDone(int pass, std::uint16_t value) { (void)pass, (void)value; }
@@ -102,12 +109,16 @@ public:
     ConnectionState state() const;
     // Waits until connected (true) or the search gave up or was closed (false).
     bool waitForConnection(std::chrono::milliseconds timeout);
+    // Ends a waitForConnection now (from any thread, e.g. on Ctrl-C); the next open() clears it.
+    void interruptWait();
     // After a search that gave up: each port tried with why it was not the device.
     std::vector<PortReport> searchReport() const;
 
     // Device requests. Each first waits for a running motor test to end. While not connected
     // they fail as a device that does not answer.
     std::optional<std::string> readRevision();
+    // The revision the search read when it found the device; nothing while not searching.
+    std::optional<std::string> revision() const;
     std::optional<SettingsData> readSettings(std::vector<std::string>* answers = nullptr);
     WriteResult write(Setting setting, std::uint16_t value);
     bool saveAndExit(); // sends Z, then closes
@@ -117,7 +128,8 @@ public:
     // through the listener.
     bool startMotorTest();
     bool motorTestRunning() const;
-    // Waits until a running motor test ends; nothing more is passed to the listener for it.
+    // Waits until a running motor test ends; nothing more is passed to the listener for it, and
+    // no call of the listener about it runs any more once this returns.
     void drainMotorTest();
     void enableKeepalive(bool enable);
 

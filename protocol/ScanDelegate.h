@@ -19,7 +19,8 @@ public:
     virtual void setConnectionState(ConnectionState state) = 0;
     // With answer, the first answer that came is handed back too, valid or not.
     virtual std::optional<std::string> readRevision(std::optional<std::string>* answer) = 0;
-    virtual std::uint16_t readVBatt() = 0;
+    // The keep-alive read: false only when no reply came at all (a malformed one keeps the link).
+    virtual bool keepAliveAnswered() = 0;
     virtual void onMonitorFrameReceived(const Bytes& frame) = 0;
 
 protected:

@@ -258,8 +258,13 @@ void SerialManager::eventIncomingFrame(const Notification& notification)
 
 std::vector<std::string> SerialManager::getPorts() const
 {
-    std::vector<std::string> ports = m_options.ports;
-    if (!m_options.scanForOthers)
+    return candidatePorts(m_options);
+}
+
+std::vector<std::string> SerialManager::candidatePorts(const ScanOptions& options)
+{
+    std::vector<std::string> ports = options.ports;
+    if (!options.scanForOthers)
         return ports;
     for (const auto& path : SerialCommunication::getSerialPortPaths()) {
         if (path.find(PRODUCT_WORD) == std::string::npos)
@@ -285,10 +290,15 @@ bool SerialManager::waitUntilScanEnded(std::chrono::milliseconds timeout) const
 
 std::vector<std::string> SerialManager::watchedFolders() const
 {
+    return portFolders(m_options);
+}
+
+std::vector<std::string> SerialManager::portFolders(const ScanOptions& options)
+{
     std::vector<std::string> folders;
-    if (m_options.scanForOthers)
+    if (options.scanForOthers)
         folders.push_back(SerialRoots{}.byIdDir);
-    for (const auto& port : m_options.ports)
+    for (const auto& port : options.ports)
         folders.push_back(std::filesystem::path(port).parent_path().string());
     return folders;
 }
@@ -419,7 +429,7 @@ void SerialManager::threadScan(std::stop_token stop)
                                 break;
                             }
                             if (m_enableKeepalive)
-                                present = m_deviceManager.readVBatt() != VAL_UNDEF;
+                                present = m_deviceManager.keepAliveAnswered();
                             if (m_lineLost)
                                 present = false;
                         }

@@ -75,6 +75,9 @@ public:
     // The candidate ports: explicit ports first, as given, then (when scanning for others)
     // every enumerated path that carries the product word.
     std::vector<std::string> getPorts() const;
+    static std::vector<std::string> candidatePorts(const ScanOptions& options);
+    // The folders where the candidate ports of options appear.
+    static std::vector<std::string> portFolders(const ScanOptions& options);
     bool getScanning() const { return m_scanning; }
     void setScanning(bool scanning);
 
