@@ -1,304 +1,200 @@
 #include "DeviceSessionController.h"
 
-#include "device/DeviceManager.h"
-#include "protocol/Globals.h"
-#include "serial/serial.h"
-#include "support/NotificationCenter.h"
-
 #include <QMetaObject>
-#include <QTimer>
 
-#include <algorithm>
-#include <filesystem>
+#include <utility>
 
 namespace dravinel {
 
 namespace {
 
-using namespace std::chrono_literals;
-
-constexpr std::chrono::milliseconds kPollPeriod{DELAY_SCAN_CHECK};
-// How long the destructor waits for the device's threads; they end within one transaction.
-constexpr std::chrono::seconds kShutdownWait{5};
-constexpr std::chrono::seconds kPortWatchPeriod{1};
-constexpr std::chrono::milliseconds kReapPeriod{200};
-
-Reading readingOf(std::uint16_t value)
-{
-    return value == VAL_UNDEF ? Reading{} : Reading{Reading::Kind::Value, value, {}};
-}
+// A sensor is read once a second while it is watched.
+constexpr std::chrono::seconds kPollPeriod{1};
 
 } // namespace
 
-DeviceSessionController::DeviceSessionController(QObject* parent) : QObject(parent)
+// Hands what the session reports, on the engine's threads, to the controller's thread.
+class DeviceSessionController::Relay final : public DeviceSession::Listener
 {
-    m_motorSilence = new QTimer(this);
-    m_motorSilence->setSingleShot(true);
-    m_motorSilence->setInterval(DeviceSession::kMotorSilence);
-    connect(m_motorSilence, &QTimer::timeout, this, [this] {
-        // A silent device is noticed from here on as a failing keep-alive would notice it.
-        if (m_manager)
-            m_manager->enableKeepaliveCheck(true);
-        endMotorTest(MotorTestEnd::Silent);
-    });
-    m_portWatch = new QTimer(this);
-    m_portWatch->setInterval(kPortWatchPeriod);
-    connect(m_portWatch, &QTimer::timeout, this, [this] { checkPorts(); });
-    m_reaper = new QTimer(this);
-    m_reaper->setSingleShot(true);
-    m_reaper->setInterval(kReapPeriod);
-    connect(m_reaper, &QTimer::timeout, this, [this] { reapRetiredManagers(); });
-    observe();
-}
+public:
+    explicit Relay(DeviceSessionController& owner) : m_owner(owner) {}
+
+    void stateChanged(ConnectionState state) override
+    {
+        post([this, state] { m_owner.onStateChanged(state); });
+    }
+    void revisionRead(const std::string& revision) override
+    {
+        post([this, text = QString::fromStdString(revision)] { emit m_owner.revisionRead(text); });
+    }
+    void batteryRead(const Reading& reading, double volts) override
+    {
+        post([this, reading, volts] { emit m_owner.batteryRead(reading, volts); });
+    }
+    void motorSample(std::uint16_t current) override
+    {
+        post([this, current] { emit m_owner.motorSample(current); });
+    }
+    void motorPassDone(int pass, std::uint16_t value) override
+    {
+        post([this, pass, value] { emit m_owner.motorPassDone(pass, value); });
+    }
+    void motorTestEnded(MotorTestEnd end) override
+    {
+        post([this, end] { emit m_owner.motorTestEnded(end); });
+    }
+    void deviceLost() override
+    {
+        post([this] { emit m_owner.deviceLost(); });
+    }
+    void portAppeared() override
+    {
+        post([this] { emit m_owner.portAppeared(); });
+    }
+
+private:
+    template <typename F> void post(F&& work)
+    {
+        QMetaObject::invokeMethod(&m_owner, std::forward<F>(work), Qt::QueuedConnection);
+    }
+
+    DeviceSessionController& m_owner;
+};
+
+DeviceSessionController::DeviceSessionController(QObject* parent)
+    : QObject(parent), m_relay(std::make_unique<Relay>(*this)),
+      m_session(std::make_unique<DeviceSession>(m_relay.get()))
+{}
 
 DeviceSessionController::~DeviceSessionController()
 {
-    // The worker drops what it has not begun, and the stops below wake the transaction under
-    // way at once.
+    // Nothing more is sent: the calls not begun are dropped, and closing wakes the one under way
+    // at once (a running motor test is let end first).
     m_worker.stop();
-    if (m_manager)
-        m_manager->stop();
-    for (const auto& manager : m_retired)
-        manager->stop();
-    // After this no handler runs or is running, so nothing queues work for this object any more.
-    NotificationCenter::defaultCenter().removeObserver(this);
+    m_session->close();
     m_worker.join();
-    if (m_manager)
-        m_retired.push_back(std::move(m_manager));
-    for (const auto& manager : m_retired)
-        manager->waitUntilStopped(kShutdownWait);
-}
-
-void DeviceSessionController::observe()
-{
-    auto& center = NotificationCenter::defaultCenter();
-    center.observe(
-        ConnStateChangedEvent,
-        [this](const Notification& n) {
-            const auto value = n.integer("state");
-            DeviceManager* manager = currentManager(n.sender);
-            if (!value || !manager)
-                return;
-            const auto state = static_cast<ConnectionState>(*value);
-            // The manager outlives this call: its destructor waits for the scan thread.
-            QStringList reasons;
-            if (state == ConnectionState::Disconnected)
-                for (const auto& attempt : manager->getPortAttempts())
-                    reasons << QString::fromStdString(attempt.path + ": " +
-                                                      describePortAttempt(attempt));
-            const void* sender = n.sender;
-            QMetaObject::invokeMethod(
-                this, [=, this] { onManagerState(sender, state, reasons); }, Qt::QueuedConnection);
-            if (state == ConnectionState::Connected) {
-                std::optional<SettingsData> settings = manager->readSettings();
-                QMetaObject::invokeMethod(
-                    this, [this, settings] { emit settingsRead(settings); }, Qt::QueuedConnection);
-            }
-        },
-        this);
-    center.observe(
-        ReadRevisionEvent,
-        [this](const Notification& n) {
-            if (!currentManager(n.sender))
-                return;
-            const QString revision = QString::fromStdString(n.text("rev").value_or(""));
-            QMetaObject::invokeMethod(
-                this, [this, revision] { emit revisionRead(revision); }, Qt::QueuedConnection);
-        },
-        this);
-    center.observe(
-        ReadVBattEvent,
-        [this](const Notification& n) {
-            if (!currentManager(n.sender))
-                return;
-            const auto raw = static_cast<std::uint16_t>(n.integer("vbatt").value_or(0));
-            QMetaObject::invokeMethod(
-                this,
-                [this, raw] { emit batteryRead(readingOf(raw), DeviceSession::batteryVolts(raw)); },
-                Qt::QueuedConnection);
-        },
-        this);
-    center.observe(
-        MonitorMotorEvent, [this](const Notification& n) { onMotorFrame(n, false); }, this);
-    center.observe(
-        MonitorMotorDoneEvent, [this](const Notification& n) { onMotorFrame(n, true); }, this);
-}
-
-void DeviceSessionController::onMotorFrame(const Notification& notification, bool done)
-{
-    if (!currentManager(notification.sender))
-        return;
-    const int value = static_cast<int>(notification.integer("value").value_or(0));
-    QMetaObject::invokeMethod(
-        this,
-        [this, value, done] {
-            if (m_motorPass == 0)
-                return;
-            m_motorSilence->start();
-            if (!done) {
-                emit motorSample(value);
-                return;
-            }
-            emit motorPassDone(m_motorPass, value);
-            if (m_motorPass++ == 2)
-                endMotorTest(MotorTestEnd::Finished);
-        },
-        Qt::QueuedConnection);
-}
-
-void DeviceSessionController::open()
-{
-    m_restartSearch = false;
-    startManager();
-}
-
-void DeviceSessionController::cancel()
-{
-    if (!m_manager)
-        return;
-    // Shown at once: a manager stopped before its first state has no state to end with.
-    retireManager();
-    m_state = ConnectionState::Disconnected;
-    emit stateChanged(m_state);
-    emit searchCancelled();
-}
-
-void DeviceSessionController::startManager()
-{
-    if (m_manager)
-        retireManager();
-    m_portWatch->stop();
-    m_savedAndExited = false;
-    ScanOptions options{m_ports.ports, m_ports.others == PortChoice::Others::Scan};
-    // Published under the lock: the scan thread starts at once, and its first notifications
-    // must find the new manager in place.
-    std::lock_guard lock(m_currentLock);
-    m_manager = DeviceManager::create(options);
-    m_current = m_manager.get();
-}
-
-void DeviceSessionController::retireManager()
-{
-    {
-        std::lock_guard lock(m_currentLock);
-        m_current = nullptr;
-    }
-    if (!m_manager)
-        return;
-    m_manager->stop();
-    m_retired.push_back(std::move(m_manager));
-    reapRetiredManagers();
-}
-
-void DeviceSessionController::reapRetiredManagers()
-{
-    // Dropped only once their scan thread has ended, so the main thread never waits for one.
-    std::erase_if(m_retired, [](const auto& manager) { return manager->waitUntilStopped(0ms); });
-    if (!m_retired.empty()) {
-        m_reaper->start();
-    } else if (m_restartSearch) {
-        // A search restarted after a silent device begins once the old port is free again.
-        m_restartSearch = false;
-        startManager();
-    }
-}
-
-DeviceManager* DeviceSessionController::currentManager(const void* sender) const
-{
-    std::lock_guard lock(m_currentLock);
-    return m_current && m_current == sender ? m_current : nullptr;
-}
-
-void DeviceSessionController::onManagerState(const void* sender, ConnectionState state,
-                                             const QStringList& reasons)
-{
-    if (!m_manager || m_manager.get() != sender)
-        return;
-    if (state != m_state) {
-        // Whatever was running ends with the state it ran in.
-        monitor(Monitoring::None);
-        if (m_motorPass != 0)
-            endMotorTest(MotorTestEnd::Lost);
-    }
-    m_state = state;
-    if (state != ConnectionState::Disconnected) {
-        m_portWatch->stop();
-        emit stateChanged(state);
-        return;
-    }
-    // A search that gave up by itself says why, and watches for the device; Save & Exit does
-    // neither.
-    const bool gaveUp = !m_savedAndExited;
-    retireManager();
-    emit stateChanged(state);
-    if (gaveUp) {
-        emit searchFailed(reasons);
-        m_portsSeen = presentPorts();
-        m_portWatch->start();
-    }
+    m_session.reset();
 }
 
 void DeviceSessionController::run(Call call)
 {
-    std::shared_ptr<DeviceManager> manager = m_manager;
-    if (!manager)
-        return;
     if (m_busy++ == 0)
         emit busyChanged(true);
-    m_worker.post(
-        [this, manager = std::move(manager), call = std::move(call)](std::stop_token stop) {
-            Effect effect = call(*manager, stop);
-            if (stop.stop_requested())
-                return;
+    m_worker.post([this, call = std::move(call)](std::stop_token stop) {
+        Effect effect = call(*m_session, stop);
+        if (stop.stop_requested())
+            return;
+        QMetaObject::invokeMethod(
+            this,
+            [this, effect = std::move(effect)] {
+                if (effect)
+                    effect();
+                if (--m_busy == 0)
+                    emit busyChanged(false);
+            },
+            Qt::QueuedConnection);
+    });
+}
+
+void DeviceSessionController::post(std::function<void(DeviceSession&)> call)
+{
+    m_worker.post([this, call = std::move(call)](std::stop_token) { call(*m_session); });
+}
+
+void DeviceSessionController::onStateChanged(ConnectionState state)
+{
+    const bool changed = state != m_state;
+    m_state = state;
+    if (changed)
+        stopPoll();
+    emit stateChanged(state);
+    if (state == ConnectionState::Connected) {
+        // The settings are read once as the connection begins, besides the window's own read.
+        post([this](DeviceSession& session) {
+            const QString revision = QString::fromStdString(session.revision().value_or(""));
+            std::optional<SettingsData> settings = session.readSettings();
             QMetaObject::invokeMethod(
                 this,
-                [this, effect = std::move(effect)] {
-                    if (effect)
-                        effect();
-                    if (--m_busy == 0)
-                        emit busyChanged(false);
+                [this, revision, settings] {
+                    emit revisionRead(revision);
+                    emit settingsRead(settings);
                 },
                 Qt::QueuedConnection);
         });
+    }
+    if (state != ConnectionState::Disconnected)
+        return;
+    m_searching = false;
+    const bool cancelled = std::exchange(m_cancelled, false);
+    if (cancelled)
+        emit searchCancelled();
+    // A search that gave up by itself says why, and watches for the device; Save & Exit and
+    // Cancel do neither.
+    if (std::exchange(m_closing, false))
+        return;
+    post([this](DeviceSession& session) {
+        QStringList reasons;
+        for (const auto& report : session.searchReport())
+            reasons << QString::fromStdString(report.path + ": " + report.reason);
+        session.watchPorts(true);
+        QMetaObject::invokeMethod(
+            this, [this, reasons] { emit searchFailed(reasons); }, Qt::QueuedConnection);
+    });
+}
+
+void DeviceSessionController::open()
+{
+    m_searching = true;
+    m_closing = false;
+    post([ports = m_ports](DeviceSession& session) {
+        session.watchPorts(false);
+        session.open(ports);
+    });
+}
+
+void DeviceSessionController::cancel()
+{
+    if (!m_searching)
+        return;
+    m_closing = true;
+    m_cancelled = true;
+    post([](DeviceSession& session) { session.close(); });
 }
 
 void DeviceSessionController::saveAndExit()
 {
-    if (!m_manager || m_state != ConnectionState::Connected)
-        return;
-    m_savedAndExited = true;
-    run([this](DeviceManager& manager, const std::stop_token&) -> Effect {
-        manager.saveAndExit();
-        manager.stop();
+    m_closing = true;
+    run([this](DeviceSession& session, const std::stop_token&) -> Effect {
+        session.saveAndExit();
         return [this] { emit saveAndExitSent(); };
     });
 }
 
 void DeviceSessionController::readBattery()
 {
-    // The value reaches the screen through the notification the read posts.
-    run([](DeviceManager& manager, const std::stop_token&) -> Effect {
-        manager.readVBatt();
+    // The reading reaches the window through the listener, as the keep-alive's do.
+    run([](DeviceSession& session, const std::stop_token&) -> Effect {
+        session.readBattery();
         return {};
     });
 }
 
 void DeviceSessionController::readSettings()
 {
-    run([this](DeviceManager& manager, const std::stop_token&) -> Effect {
-        std::optional<SettingsData> settings = manager.readSettings();
+    run([this](DeviceSession& session, const std::stop_token&) -> Effect {
+        std::optional<SettingsData> settings = session.readSettings();
         return [this, settings] { emit settingsRead(settings); };
     });
 }
 
 void DeviceSessionController::write(std::vector<SettingValue> values)
 {
-    run([this, values](DeviceManager& manager, const std::stop_token& stop) -> Effect {
+    run([this, values](DeviceSession& session, const std::stop_token& stop) -> Effect {
         std::vector<WriteResult> results;
         for (const auto& value : values) {
             if (stop.stop_requested())
                 return {};
-            results.push_back(manager.save(value.setting, value.value));
+            results.push_back(session.write(value.setting, value.value));
         }
         return [this, values, results] { emit writeDone(values, results); };
     });
@@ -306,97 +202,49 @@ void DeviceSessionController::write(std::vector<SettingValue> values)
 
 void DeviceSessionController::monitor(Monitoring what)
 {
-    if (m_manager)
-        m_manager->enableKeepaliveCheck(what == Monitoring::None);
-    if (what != Monitoring::Position && what != Monitoring::InfraRed) {
-        m_pollKind = 0;
-        m_worker.setPeriodic({}, {});
-    }
-    if (what == Monitoring::MotorTest) {
-        m_motorPass = 1;
-        m_motorSilence->start();
-        run([](DeviceManager& manager, const std::stop_token&) -> Effect {
-            manager.startMotorMonitoring();
+    if (what != Monitoring::Position && what != Monitoring::InfraRed)
+        stopPoll();
+    switch (what) {
+    case Monitoring::None:
+        post([](DeviceSession& session) { session.enableKeepalive(true); });
+        return;
+    case Monitoring::MotorTest:
+        // The session turns the keep-alive off for the test.
+        run([](DeviceSession& session, const std::stop_token&) -> Effect {
+            session.startMotorTest();
             return {};
         });
         return;
+    case Monitoring::Position:
+    case Monitoring::InfraRed:
+        break;
     }
-    if (what == Monitoring::None || !m_manager)
-        return;
     // A poll already running only switches what it reads.
-    if (m_pollKind.exchange(what == Monitoring::Position ? 1 : 2) != 0)
+    const Sensor sensor = what == Monitoring::Position ? Sensor::Position : Sensor::InfraRed;
+    if (m_pollKind.exchange(static_cast<int>(sensor) + 1) != 0)
         return;
+    post([](DeviceSession& session) { session.enableKeepalive(false); });
     m_worker.setPeriodic(
-        [this, manager = m_manager, failures = 0]() mutable {
+        [this] {
             const int kind = m_pollKind;
             if (kind == 0)
                 return;
-            const std::uint16_t value = kind == 1 ? manager->readReedSensor() : manager->readIR();
-            failures = value == VAL_UNDEF ? failures + 1 : 0;
-            const void* sender = manager.get();
+            const Reading reading = m_session->readSensor(static_cast<Sensor>(kind - 1));
             QMetaObject::invokeMethod(
                 this,
-                [this, value, sender, lost = failures == DeviceSession::kFailedReadsToLose] {
+                [this, reading] {
                     if (m_pollKind != 0)
-                        emit monitorSample(readingOf(value));
-                    if (lost)
-                        onDeviceSilent(sender);
+                        emit monitorSample(reading);
                 },
                 Qt::QueuedConnection);
         },
         kPollPeriod);
 }
 
-void DeviceSessionController::endMotorTest(MotorTestEnd end)
+void DeviceSessionController::stopPoll()
 {
-    if (m_motorPass == 0)
-        return;
-    m_motorPass = 0;
-    m_motorSilence->stop();
-    emit motorTestEnded(end);
-}
-
-void DeviceSessionController::onDeviceSilent(const void* manager)
-{
-    if (!m_manager || m_manager.get() != manager || m_state != ConnectionState::Connected)
-        return;
-    // The connection ends as a failed keep-alive ends it: back to the search, once the old
-    // manager has let go of the port.
-    monitor(Monitoring::None);
-    m_state = ConnectionState::Scanning;
-    emit stateChanged(m_state);
-    emit deviceLost();
-    m_restartSearch = true;
-    retireManager();
-}
-
-std::vector<std::string> DeviceSessionController::presentPorts() const
-{
-    std::vector<std::string> ports;
-    if (m_ports.others == PortChoice::Others::Scan)
-        for (const auto& path : get_port_paths())
-            if (path.find(PRODUCT_WORD) != std::string::npos)
-                ports.push_back(path);
-    for (const auto& path : m_ports.ports) {
-        std::error_code ec;
-        if (std::filesystem::exists(path, ec))
-            ports.push_back(path);
-    }
-    std::sort(ports.begin(), ports.end());
-    return ports;
-}
-
-void DeviceSessionController::checkPorts()
-{
-    std::vector<std::string> present = presentPorts();
-    const bool appeared = std::any_of(present.begin(), present.end(), [&](const auto& path) {
-        return !std::binary_search(m_portsSeen.begin(), m_portsSeen.end(), path);
-    });
-    m_portsSeen = std::move(present);
-    if (!appeared || m_manager || m_state != ConnectionState::Disconnected)
-        return;
-    m_portWatch->stop();
-    emit portAppeared();
+    m_pollKind = 0;
+    m_worker.setPeriodic({}, {});
 }
 
 } // namespace dravinel

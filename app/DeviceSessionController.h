@@ -8,8 +8,9 @@
 #include <QString>
 #include <QStringList>
 
+#include <atomic>
+#include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -17,12 +18,7 @@
 // another, and turns what the device reports into signals delivered on the main thread. The
 // views call it and listen to it; they never reach the device themselves.
 
-class QTimer;
-
 namespace dravinel {
-
-class DeviceManager;
-struct Notification;
 
 // What the monitoring view asks to watch.
 enum class Monitoring { None, MotorTest, Position, InfraRed };
@@ -82,43 +78,28 @@ signals:
     void busyChanged(bool busy);
 
 private:
+    class Relay;
     using Effect = std::function<void()>;
-    using Call = std::function<Effect(DeviceManager&, const std::stop_token&)>;
+    using Call = std::function<Effect(DeviceSession&, const std::stop_token&)>;
 
+    // A device call that keeps the window busy until its effect has run on this thread.
     void run(Call call);
-    void startManager();
-    void retireManager();
-    void reapRetiredManagers();
-    void onManagerState(const void* sender, ConnectionState state, const QStringList& reasons);
-    void endMotorTest(MotorTestEnd end);
-    void onDeviceSilent(const void* manager);
-    void checkPorts();
-    std::vector<std::string> presentPorts() const;
-    DeviceManager* currentManager(const void* sender) const;
-    void observe();
-    void onMotorFrame(const Notification& notification, bool done);
+    // A call the window does not wait for.
+    void post(std::function<void(DeviceSession&)> call);
+    void onStateChanged(ConnectionState state);
+    void stopPoll();
 
     PortChoice m_ports;
     ConnectionState m_state = ConnectionState::Disconnected;
     int m_busy = 0;
-    int m_motorPass = 0; // 0: no motor test runs
-    bool m_savedAndExited = false;
-    bool m_restartSearch = false;
-    Monitoring m_polled = Monitoring::None;
-    std::vector<std::string> m_portsSeen;
-    QTimer* m_motorSilence = nullptr;
-    QTimer* m_portWatch = nullptr;
-    QTimer* m_reaper = nullptr;
+    bool m_searching = false; // from open() to the Disconnected state that ends it
+    bool m_closing = false;   // the coming Disconnected state was asked for
+    bool m_cancelled = false;
+    std::atomic<int> m_pollKind{0}; // 0: none, else the polled sensor + 1
 
-    // Only the main thread and the worker (for the job it runs) hold a manager, never the scan
-    // thread: a manager's destructor joins its scan thread.
-    std::shared_ptr<DeviceManager> m_manager;
-    std::vector<std::shared_ptr<DeviceManager>> m_retired;
-    mutable std::mutex m_currentLock;
-    DeviceManager* m_current = nullptr; // guarded by m_currentLock
-    std::atomic<int> m_pollKind{0};
-
-    // Last: its thread runs jobs that use the members above, and it is stopped first.
+    std::unique_ptr<Relay> m_relay;
+    std::unique_ptr<DeviceSession> m_session;
+    // Last: its thread runs jobs that use the session, and it is stopped first.
     DeviceWorker m_worker;
 };
 

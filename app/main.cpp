@@ -1,7 +1,6 @@
 #include "AppDelegate.h"
 #include "MasterViewController.h"
 
-#include "serial/serial.h"
 #include "sim/DeviceSimulator.h"
 
 #include <QApplication>
@@ -103,7 +102,7 @@ int main(int argc, char* argv[])
     const Options options = parseOptions(app);
     // The serial module's messages (a port that failed, and why) go to standard error, never
     // to the levelled log.
-    dravinel::set_serial_message_sink(
+    dravinel::DeviceSession::setSerialMessageSink(
         [](const std::string& message) { std::fputs(message.c_str(), stderr); });
 
     // Declared before the window so that it outlives every connection the window makes.

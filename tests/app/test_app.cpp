@@ -5,7 +5,7 @@
 #include "MasterViewController.h"
 #include "MotorCurrentChart.h"
 
-#include "serial/serial.h"
+#include "device/DeviceSession.h"
 #include "sim/DeviceSimulator.h"
 #include "support/Logger.h"
 
@@ -53,7 +53,7 @@ private slots:
         // DRAVINEL_TEST_LOG_LEVEL=4 brings the traffic back when a test needs explaining.
         const int level = qEnvironmentVariableIntValue("DRAVINEL_TEST_LOG_LEVEL");
         Logger::getInstance().setLevel(level > 0 ? level : 1);
-        set_serial_message_sink(
+        DeviceSession::setSerialMessageSink(
             [](const std::string& m) { Logger::getInstance().logInfo("%s", m.c_str()); });
     }
     void cleanup()
@@ -206,9 +206,8 @@ void AppTest::startUpLookAndASearchThatFindsNothingSaysWhy()
     QCOMPARE(text("statusLabel"), u"Disconnected"_s);
 
     // A search that finds nothing says why, under the usual message.
-    for (const auto& path : get_port_paths())
-        if (path.find("Dravinel") != std::string::npos)
-            QSKIP("this machine has a real device port");
+    if (!DeviceSession::candidatePorts().empty())
+        QSKIP("this machine has a real device port");
     auto* detail = widget<QLabel>("welcomeDetailLabel");
     const QString notFound = u"Could not find device. Please try again."_s;
     QTest::keyClick(welcome(), Qt::Key_Return);
@@ -233,8 +232,9 @@ void AppTest::startUpLookAndASearchThatFindsNothingSaysWhy()
     QCOMPARE(detail->text(), notATty.fileName() + u": not a serial port"_s);
     QVERIFY(bar().endsWith(detail->text()));
 
-    // Cancel ends a search at once; the panel stays.
+    // Cancel ends a search under way at once; the panel stays.
     QTest::keyClick(welcome(), Qt::Key_Return);
+    QTRY_COMPARE(text("statusLabel"), u"Scanning"_s);
     widget<QPushButton>("welcomeCancelButton")->click();
     QTRY_COMPARE_WITH_TIMEOUT(text("welcomeStatusLabel"), u"Search cancelled."_s, 3000);
     QVERIFY(widget<QPushButton>("welcomeOpenButton")->isEnabled());
@@ -584,6 +584,16 @@ void AppTest::deliberateChoicesNamedControlsAndQuittingAnyTime()
     QCOMPARE(text("monitoringNameLabel"), u"Position sensor :"_s);
     QVERIFY(m_sim->waitForRequests('O', 1, 1000ms));
     QCOMPARE(m_sim->requestCount('M'), std::size_t{0});
+
+    // A wrong answer is shown with what came, and four in a row are not a lost device.
+    m_sim->setAnswerOverride('O', "o,abc");
+    QTRY_COMPARE_WITH_TIMEOUT(text("monitoringValueLabel"), u"wrong answer: \"o,abc\""_s, 2500);
+    m_sim->clearRequests();
+    QTest::qWait(3500);
+    QVERIFY(m_sim->requestCount('O') >= 3);
+    QCOMPARE(text("statusLabel"), u"Connected"_s);
+    QCOMPARE(text("monitoringValueLabel"), u"wrong answer: \"o,abc\""_s);
+    m_sim->clearAnswerOverrides();
 
     // The title link is one Tab stop, left by Tab and Shift+Tab alike.
     auto* title = widget<QLabel>("leDravinelTitle");
