@@ -1,6 +1,7 @@
 #include "cli/Arguments.h"
 
 #include "cli/Echo.h"
+#include "device/Settings.h"
 
 #include <CLI/CLI.hpp>
 
@@ -12,14 +13,41 @@ namespace dravinel::cli {
 
 namespace {
 
-constexpr const char* kFooter =
-    R"(Settings: current-limit, ir-detection, positive-rotation, negative-rotation,
-motor-speed, cycle-timeout (minutes); values are whole numbers 0 to 65535. In JSON
-and backup files the same names are written with underscores.
+constexpr std::size_t kFooterWidth = 84;
 
-Exit codes: 0 done; 1 the device did not answer or confirm, or the output could not
+constexpr const char* kExitCodes =
+    R"(Exit codes: 0 done; 1 the device did not answer or confirm, or the output could not
 be written; 2 bad input, nothing written to the device; 3 no device found;
 130 interrupted by Ctrl-C or SIGTERM (a monitor ends with 0).)";
+
+// The settings paragraph, from the table: its names, units and range.
+std::string footer()
+{
+    std::string text = "Settings:";
+    for (const auto& info : kSettings) {
+        text += " " + std::string(info.cliName);
+        if (!info.unit.empty())
+            text += " (" + std::string(info.unit) + ")";
+        text += &info == &kSettings.back() ? ";" : ",";
+    }
+    text += " values are whole numbers " + std::to_string(kSettingMin) + " to " +
+            std::to_string(kSettingMax) +
+            ". In JSON and backup files the same names are written with underscores.";
+    std::string wrapped;
+    std::size_t lineStart = 0;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        const bool first = wrapped.size() == lineStart;
+        if (!first && wrapped.size() - lineStart + 1 + word.size() > kFooterWidth) {
+            wrapped += '\n';
+            lineStart = wrapped.size();
+        } else if (!first) {
+            wrapped += ' ';
+        }
+        wrapped += word;
+    }
+    return wrapped + "\n\n" + kExitCodes;
+}
 
 std::optional<std::uint32_t> parseCount(std::string_view text)
 {
@@ -99,7 +127,7 @@ ParsedArguments parseArguments(const std::vector<std::string>& args)
                       "restore a backup of another firmware revision, or of none");
     command("save-exit", "tell the device to store its settings and leave configuration mode",
             Command::SaveExit);
-    app.footer(kFooter);
+    app.footer(footer());
 
     // CLI11 takes the arguments last first.
     std::vector<std::string> reversed(args.rbegin(), args.rend());

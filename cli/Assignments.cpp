@@ -8,8 +8,6 @@ namespace dravinel::cli {
 
 namespace {
 
-constexpr std::uint32_t kLargestValue = 65535;
-
 std::string knownNames()
 {
     std::string names;
@@ -22,17 +20,6 @@ std::string knownNames()
 }
 
 } // namespace
-
-std::optional<std::uint16_t> parseSettingValue(std::string_view text)
-{
-    if (text.empty())
-        return std::nullopt;
-    std::uint32_t value = 0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size() || value > kLargestValue)
-        return std::nullopt;
-    return static_cast<std::uint16_t>(value);
-}
 
 std::optional<std::vector<Assignment>> parseAssignments(const std::vector<std::string>& pairs,
                                                         std::string& error)
@@ -51,10 +38,11 @@ std::optional<std::vector<Assignment>> parseAssignments(const std::vector<std::s
             error = "unknown setting " + echo(name) + " (known: " + knownNames() + ")";
             return std::nullopt;
         }
-        const auto value = parseSettingValue(text);
+        // Values the device cannot hold are refused, never cut to 16 bits.
+        const auto value = parseSettingValue(text, *setting);
         if (!value) {
-            error = std::string(setting->cliName) + ": " + echo(text) +
-                    " is not a whole number from 0 to 65535";
+            error = std::string(setting->cliName) + ": " + echo(text) + " is not " +
+                    settingRangeText(*setting);
             return std::nullopt;
         }
         for (const auto& earlier : result) {

@@ -18,10 +18,6 @@ struct Assignment
     std::uint16_t value = 0;
 };
 
-// A whole decimal number from 0 to 65535: digits only, no sign, no blank, no fraction. Values the
-// device cannot hold are refused, never cut to 16 bits.
-std::optional<std::uint16_t> parseSettingValue(std::string_view text);
-
 // On failure returns nothing and sets error to one line naming the pair at fault.
 std::optional<std::vector<Assignment>> parseAssignments(const std::vector<std::string>& pairs,
                                                         std::string& error);

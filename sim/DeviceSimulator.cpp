@@ -144,7 +144,7 @@ struct DeviceSimulator::Impl
     bool mute = false;
     std::chrono::milliseconds responseDelay{0};
     std::map<char, std::string> overrides;
-    std::string settingsOrder = "cirlst";
+    std::string settingsOrder; // empty: the table's order
     std::vector<ReceivedRequest> requests;
     std::map<char, std::size_t> requestCounts;
 
@@ -161,6 +161,7 @@ struct DeviceSimulator::Impl
     void handleLine(const std::string& line, int wake);
     void handleRequest(char code, const std::string& content, int wake);
     std::vector<std::string> react(char code, const std::string& content);
+    std::vector<std::string> settingsAnswers();
     void startMotor();
     void tickMotor();
     std::uint16_t motorSample(double fraction, int pass);
@@ -403,61 +404,32 @@ void DeviceSimulator::Impl::handleRequest(char code, const std::string& content,
         sendFrame(frame);
 }
 
+std::vector<std::string> DeviceSimulator::Impl::settingsAnswers()
+{
+    std::vector<std::string> frames;
+    std::lock_guard lock(stateMutex);
+    const std::string order = settingsOrder.empty() ? settingsReadOrder() : settingsOrder;
+    for (char code : order) {
+        const auto row = std::ranges::find(kSettings, code, &SettingInfo::response);
+        if (row != kSettings.end())
+            frames.push_back(std::string{code, SEPARATOR} + std::to_string(settings.get(row->id)));
+    }
+    return frames;
+}
+
 std::vector<std::string> DeviceSimulator::Impl::react(char code, const std::string& content)
 {
-    auto echo = [&](char answer, std::uint16_t SimSettings::*field) {
+    if (const SettingInfo* row = findSettingByRequest(code)) {
         const std::uint16_t value = parseSetting(content);
         std::lock_guard lock(stateMutex);
-        settings.*field = value;
-        return std::vector<std::string>{std::string{answer, SEPARATOR} + std::to_string(value)};
-    };
-
+        settings.set(row->id, value);
+        return {std::string{row->response, SEPARATOR} + std::to_string(value)};
+    }
     switch (code) {
     case READ_REV_REQ:
         return {std::string{READ_REV_RESP, SEPARATOR} + opts.revision};
-    case READ_SETTINGS_REQ: {
-        std::vector<std::string> frames;
-        std::lock_guard lock(stateMutex);
-        for (char c : settingsOrder) {
-            std::uint16_t value = 0;
-            switch (c) {
-            case SAVE_CURR_LIMIT_RESP:
-                value = settings.currentLimit;
-                break;
-            case SAVE_IR_RESP:
-                value = settings.minIRDetection;
-                break;
-            case SAVE_POS_ROT_RESP:
-                value = settings.positiveRotation;
-                break;
-            case SAVE_NEG_ROT_RESP:
-                value = settings.negativeRotation;
-                break;
-            case SAVE_MOTOR_SPEED_RESP:
-                value = settings.motorSpeed;
-                break;
-            case SAVE_CYCLE_TO_RESP:
-                value = settings.cycleTimeoutMins;
-                break;
-            default:
-                continue;
-            }
-            frames.push_back(std::string{c, SEPARATOR} + std::to_string(value));
-        }
-        return frames;
-    }
-    case SAVE_CURR_LIMIT_REQ:
-        return echo(SAVE_CURR_LIMIT_RESP, &SimSettings::currentLimit);
-    case SAVE_IR_REQ:
-        return echo(SAVE_IR_RESP, &SimSettings::minIRDetection);
-    case SAVE_POS_ROT_REQ:
-        return echo(SAVE_POS_ROT_RESP, &SimSettings::positiveRotation);
-    case SAVE_NEG_ROT_REQ:
-        return echo(SAVE_NEG_ROT_RESP, &SimSettings::negativeRotation);
-    case SAVE_MOTOR_SPEED_REQ:
-        return echo(SAVE_MOTOR_SPEED_RESP, &SimSettings::motorSpeed);
-    case SAVE_CYCLE_TO_REQ:
-        return echo(SAVE_CYCLE_TO_RESP, &SimSettings::cycleTimeoutMins);
+    case READ_SETTINGS_REQ:
+        return settingsAnswers();
     case READ_REED_SENSOR_REQ:
         return {std::string{READ_REED_SENSOR_RESP, SEPARATOR} + std::to_string(reedReading())};
     case READ_V_BATT_REQ:

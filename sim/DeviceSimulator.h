@@ -1,7 +1,9 @@
 #pragma once
 
+#include "protocol/SettingsTable.h"
 #include "support/Bytes.h"
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -21,14 +23,14 @@
 
 namespace dravinel::sim {
 
+// The device's record: one value a row of the settings table, in the table's order.
 struct SimSettings
 {
-    std::uint16_t currentLimit = 120;
-    std::uint16_t minIRDetection = 300;
-    std::uint16_t positiveRotation = 40;
-    std::uint16_t negativeRotation = 35;
-    std::uint16_t motorSpeed = 200;
-    std::uint16_t cycleTimeoutMins = 90;
+    std::array<std::uint16_t, kSettings.size()> values = {120, 300, 40, 35, 200, 90};
+
+    std::uint16_t get(Setting setting) const { return values[settingIndex(setting)]; }
+    void set(Setting setting, std::uint16_t value) { values[settingIndex(setting)] = value; }
+    bool operator==(const SimSettings&) const = default;
 };
 
 struct ReceivedRequest
@@ -89,7 +91,7 @@ public:
     void setAnswerOverride(char requestCode, std::string line);
     void clearAnswerOverrides();
     // The answer codes of 'G', in the order sent; repeat or omit codes to send duplicates or
-    // leave a setting out. Default "cirlst".
+    // leave a setting out. Empty (the default): every row of the table, in its order.
     void setSettingsOrder(std::string codes);
     void sendLine(const std::string& line); // an unsolicited line; LF CR appended
     void sendBytes(const Bytes& bytes);     // raw bytes, nothing appended

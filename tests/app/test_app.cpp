@@ -325,7 +325,7 @@ void AppTest::openFillsEveryFieldAndWritesFollowTheFieldRules()
     // Focus comes back to the pressed button, not to the next field in the tab order.
     QCOMPARE(press("updateBasicButton"), (Requests{"R 7", "L 0", "T 0"}));
     QCOMPARE(QApplication::focusWidget(), update);
-    QCOMPARE(m_sim->settings().negativeRotation, 0);
+    QCOMPARE(m_sim->settings().get(Setting::NegativeRotation), 0);
     counterClockWise->click();
     QVERIFY(!update->isEnabled());
 

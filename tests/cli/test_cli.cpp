@@ -54,8 +54,7 @@ Args received(const sim::DeviceSimulator& sim, const std::string& codes = kWrite
 std::vector<int> held(const sim::DeviceSimulator& sim)
 {
     const auto s = sim.settings();
-    return {s.currentLimit,     s.minIRDetection, s.positiveRotation,
-            s.negativeRotation, s.motorSpeed,     s.cycleTimeoutMins};
+    return {s.values.begin(), s.values.end()};
 }
 
 class CliTest : public ::testing::Test
@@ -139,6 +138,7 @@ TEST_F(CliTest, CommandsPrintAlignedTextOrOneJsonObject)
         {{"set", "current-limit=0", "ir-detection=65535", "--json", "negative-rotation=0012"},
          R"({"current_limit":0,"ir_detection":65535,"negative_rotation":12})"},
         {{"set", "motor-speed=7"}, "motor-speed        7      confirmed\n"},
+        {{"set", "motor_speed= 8 "}, "motor-speed        8      confirmed\n"},
         {{"save-exit", "--json"}, R"({"sent":"save-exit"})"},
         {{"ports"}, "* " + m_sim->portPath() + "  (--port)\n"},
         {{"--version"}, "dravinel-cli 0.1.0\n"},

@@ -19,8 +19,8 @@ std::vector<Bytes> frames(std::initializer_list<const char*> lines)
 
 SettingsData asRecord(const sim::SimSettings& s)
 {
-    return SettingsData(s.currentLimit, s.minIRDetection, s.positiveRotation, s.negativeRotation,
-                        s.motorSpeed, s.cycleTimeoutMins);
+    const auto& v = s.values;
+    return SettingsData(v[0], v[1], v[2], v[3], v[4], v[5]);
 }
 
 TEST(SettingsDataTest, BuildsFromAnswersInAnyOrderAndRejectsIncompleteSets)

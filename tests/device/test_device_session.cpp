@@ -181,8 +181,8 @@ TEST_F(SessionTest, ATestLeftEarlyIsDrainedQuietlyBeforeTheNextRequest)
         EXPECT_FALSE(m_session->motorTestRunning());
         if (round == 0) {
             ASSERT_TRUE(settings);
-            EXPECT_EQ(settings->get(Setting::CurrentLimit), before.currentLimit);
-            EXPECT_EQ(settings->get(Setting::CycleTimeout), before.cycleTimeoutMins);
+            EXPECT_EQ(settings->get(Setting::CurrentLimit), before.get(Setting::CurrentLimit));
+            EXPECT_EQ(settings->get(Setting::CycleTimeout), before.get(Setting::CycleTimeout));
         }
         std::this_thread::sleep_for(200ms);
         EXPECT_EQ(m_calls.size(), heard) << "nothing more of the drained test";
