@@ -94,8 +94,7 @@ std::optional<std::uint16_t> SettingsPanel::value(const Binding& binding) const
     if (binding.minutes)
         return fields::cycleTimeout(text(binding.field).toStdString(),
                                     text(binding.minutes).toStdString());
-    const auto number = fields::parseWhole(text(binding.field).toStdString(), fields::kMaxValue);
-    return number ? std::optional<std::uint16_t>(*number) : std::nullopt;
+    return parseSettingValue(text(binding.field).toStdString(), settingInfo(binding.setting));
 }
 
 void SettingsPanel::fill(const std::optional<SettingsData>& settings)
@@ -179,12 +178,17 @@ void SettingsPanel::setJudged(bool judged)
 
 void SettingsPanel::validate()
 {
-    const QString range =
-        QStringLiteral("Not accepted: enter a whole number from 0 to %1.").arg(fields::kMaxValue);
+    const int maxTotal = settingInfo(Setting::CycleTimeout).max;
     const QString tooLong = QStringLiteral("Not accepted: hours and minutes together must be at "
-                                           "most 65535 minutes (1092 h 15 min).");
+                                           "most %1 minutes (%2 h %3 min).")
+                                .arg(maxTotal)
+                                .arg(maxTotal / 60)
+                                .arg(maxTotal % 60);
     bool valid = true;
     for (const Binding& binding : m_bindings) {
+        const QString range =
+            QStringLiteral("Not accepted: enter %1.")
+                .arg(QString::fromStdString(settingRangeText(settingInfo(binding.setting))));
         const bool ok = value(binding).has_value();
         valid = valid && ok;
         if (!binding.minutes) {
@@ -196,9 +200,8 @@ void SettingsPanel::validate()
                                fields::isBlank(text(binding.minutes).toStdString());
         for (QLineEdit* field : {binding.field, binding.minutes}) {
             const std::string typed = field->text().toStdString();
-            const bool own = fields::isBlank(typed)
-                                 ? !bothBlank
-                                 : fields::parseWhole(typed, fields::kMaxValue).has_value();
+            const bool own =
+                fields::isBlank(typed) ? !bothBlank : parseSettingValue(typed).has_value();
             mark(field, ok ? QString() : own ? tooLong : range);
         }
     }
