@@ -2,12 +2,12 @@
 
 #include "cli/Arguments.h"
 #include "cli/Assignments.h"
-#include "cli/DeviceSession.h"
 #include "cli/Echo.h"
 #include "cli/EventQueue.h"
 #include "device/Backup.h"
-#include "protocol/Globals.h"
-#include "serial/serial.h"
+#include "device/DeviceSession.h"
+#include "device/Restore.h"
+#include "sim/DeviceSimulator.h"
 #include "support/Files.h"
 #include "support/Logger.h"
 
@@ -29,15 +29,11 @@ using Clock = std::chrono::steady_clock;
 using Json = nlohmann::ordered_json;
 
 constexpr const char* kProgram = "dravinel-cli";
-// The device's raw battery reading in units per volt.
-constexpr double kBatteryUnitsPerVolt = 111.0;
 // The logger's levels for -v (warnings and errors) and -vv (everything).
 constexpr std::int32_t kLogWarnings = 2;
 constexpr std::int32_t kLogEverything = 4;
-// The motor test sends a sample every few tens of milliseconds; this much silence means it ended
-// or the device went away.
-constexpr std::chrono::seconds kMotorSilence{5};
-constexpr std::chrono::milliseconds kPollPeriod{DELAY_SCAN_CHECK};
+constexpr std::chrono::seconds kMotorSilence = DeviceSession::kMotorSilence;
+constexpr std::chrono::milliseconds kPollPeriod{1000};
 // How long a failed read waits for the scan to report a lost line before it counts as unanswered.
 constexpr std::chrono::milliseconds kLossReport{200};
 constexpr std::size_t kNameWidth = 19;
@@ -84,14 +80,14 @@ public:
                                        : verbosity == 1 ? kLogWarnings
                                                         : kLogEverything);
         Logger::getInstance().setSink([&err](const std::string& entry) { err.entry(entry); });
-        set_serial_message_sink([&err, verbosity](const std::string& message) {
+        DeviceSession::setSerialMessageSink([&err, verbosity](const std::string& message) {
             if (verbosity > 0)
                 err.entry(message);
         });
     }
     ~LogRouting()
     {
-        set_serial_message_sink({});
+        DeviceSession::setSerialMessageSink({});
         Logger::getInstance().setSink({});
         Logger::getInstance().setLevel(m_previousLevel);
     }
@@ -173,23 +169,48 @@ struct Context
     }
 };
 
-// Connects, or reports why not; returns the exit code of a failed connection.
-std::optional<int> connect(Context& c, DeviceSession& session)
+// Connects, or reports why not; returns the exit code of a failed connection. The built-in
+// simulated device, for --demo, lives as long as the command.
+std::optional<int> connect(Context& c, DeviceSession& session,
+                           std::unique_ptr<sim::DeviceSimulator>& simulator)
 {
-    switch (session.connect(c.options.port, c.options.demo)) {
-    case DeviceSession::Result::Connected:
-        return std::nullopt;
-    case DeviceSession::Result::Interrupted:
-        return c.interrupted("");
-    case DeviceSession::Result::DemoFailed:
-        c.err.line("could not start the built-in simulated device");
-        return kExitFailed;
-    case DeviceSession::Result::NoDevice:
-        break;
+    PortChoice ports;
+    if (c.options.demo) {
+        simulator = std::make_unique<sim::DeviceSimulator>();
+        if (!simulator->start()) {
+            c.err.line("could not start the built-in simulated device");
+            return kExitFailed;
+        }
+        ports = PortChoice::only(simulator->portPath());
+    } else if (c.options.port) {
+        ports = PortChoice::only(*c.options.port);
     }
+    const InterruptHook wake([&session] { session.interruptWait(); });
+    session.open(ports);
+    if (interruptRequested())
+        session.interruptWait();
+    // The search ends by itself when it finds nothing, so the wait needs no limit of its own.
+    while (!session.waitForConnection(std::chrono::hours(1))) {
+        if (interruptRequested())
+            return c.interrupted("");
+        if (session.state() == ConnectionState::Disconnected)
+            break;
+    }
+    if (session.state() == ConnectionState::Connected)
+        return std::nullopt;
     c.err.line("no device found; ports tried:");
-    for (const auto& line : session.noDeviceReport())
-        c.err.raw("  " + line + "\n");
+    const auto report = session.searchReport();
+    if (report.empty()) {
+        c.err.raw("  no serial port carries \"" + std::string(DeviceSession::productWord()) +
+                  "\" (" + std::to_string(DeviceSession::machinePortCount()) +
+                  " serial ports on this machine); name one with --port PATH\n");
+    }
+    std::size_t width = 0;
+    for (const auto& row : report)
+        width = std::max(width, row.path.size());
+    for (const auto& row : report)
+        c.err.raw("  " + row.path + std::string(width - row.path.size() + 2, ' ') + row.reason +
+                  "\n");
     return kExitNoDevice;
 }
 
@@ -198,13 +219,13 @@ int runPorts(Context& c)
     std::vector<std::string> paths;
     if (c.options.port)
         paths.push_back(*c.options.port);
-    for (auto& path : get_port_paths())
+    for (auto& path : DeviceSession::machinePorts())
         if (path != c.options.port)
             paths.push_back(std::move(path));
 
     Json entries = Json::array();
     for (const auto& path : paths) {
-        const bool marked = path.find(PRODUCT_WORD) != std::string::npos;
+        const bool marked = path.find(DeviceSession::productWord()) != std::string::npos;
         const bool given = path == c.options.port;
         if (c.options.json)
             entries.push_back({{"path", path}, {"dravinel", marked}, {"given", given}});
@@ -216,7 +237,7 @@ int runPorts(Context& c)
     return kExitOk;
 }
 
-int runInfo(Context& c, DeviceManager& device)
+int runInfo(Context& c, DeviceSession& device)
 {
     std::optional<std::string> answer;
     // An empty revision names no firmware: a backup could not be matched to it.
@@ -225,15 +246,17 @@ int runInfo(Context& c, DeviceManager& device)
         c.err.line(readFailure("revision request", asList(answer)));
         return kExitFailed;
     }
-    // 65535 is the engine's "no value", whatever the device meant by it.
-    const std::uint16_t raw = device.readVBatt(&answer);
-    if (raw == VAL_UNDEF) {
-        c.err.line(readFailure("battery read", asList(answer)));
+    const Reading battery = device.readBattery();
+    if (!battery.ok()) {
+        c.err.line(readFailure("battery read", battery.kind == Reading::Kind::WrongReply
+                                                   ? std::vector<std::string>{battery.answer}
+                                                   : std::vector<std::string>{}));
         return kExitFailed;
     }
     if (interruptRequested())
         return c.interrupted("");
-    const double volts = raw / kBatteryUnitsPerVolt;
+    const std::uint16_t raw = battery.value;
+    const double volts = DeviceSession::batteryVolts(raw);
     if (c.options.json) {
         c.out << dump({{"revision", *revision},
                        {"battery_raw", raw},
@@ -246,7 +269,7 @@ int runInfo(Context& c, DeviceManager& device)
     return kExitOk;
 }
 
-int runGet(Context& c, DeviceManager& device)
+int runGet(Context& c, DeviceSession& device)
 {
     std::vector<std::string> answers;
     const auto data = device.readSettings(&answers);
@@ -269,16 +292,16 @@ int runGet(Context& c, DeviceManager& device)
 
 // The keep-alive read is off while writing, so that its answer cannot be mistaken for an echo;
 // the first one would come 3 s after the connection, long after this is turned off.
-int runSet(Context& c, DeviceManager& device, const std::vector<Assignment>& assignments)
+int runSet(Context& c, DeviceSession& device, const std::vector<Assignment>& assignments)
 {
-    device.enableKeepaliveCheck(false);
+    device.enableKeepalive(false);
     Json json = Json::object();
     int result = kExitOk;
     std::size_t done = 0;
     // Checked between writes only: a write in flight is never cut short.
     for (; done < assignments.size() && !interruptRequested(); ++done) {
         const auto& [setting, value] = assignments[done];
-        const WriteResult written = device.save(setting->id, value);
+        const WriteResult written = device.write(setting->id, value);
         if (!written.confirmed) {
             std::string message = std::string(setting->cliName) + "=" + std::to_string(value) +
                                   " was not confirmed: " + cameBack(written.answer);
@@ -301,7 +324,7 @@ int runSet(Context& c, DeviceManager& device, const std::vector<Assignment>& ass
     return result;
 }
 
-int runBackup(Context& c, DeviceManager& device, const std::string& target)
+int runBackup(Context& c, DeviceSession& device, const std::string& target)
 {
     std::vector<std::string> answers;
     const auto data = device.readSettings(&answers);
@@ -311,7 +334,7 @@ int runBackup(Context& c, DeviceManager& device, const std::string& target)
     }
     if (interruptRequested())
         return c.interrupted("nothing was saved");
-    const std::string revision = device.getRevision();
+    const std::string revision = device.revision().value_or("???");
     if (const auto failure = replaceFile(target, formatBackup(revision, *data))) {
         c.err.line("cannot save the backup: " + describeFileError(*failure));
         return kExitFailed;
@@ -327,12 +350,79 @@ int runBackup(Context& c, DeviceManager& device, const std::string& target)
     return kExitOk;
 }
 
+std::string restoreVerdict(const RestoreRow& row)
+{
+    std::string verdict = row.write == RestoreRow::Write::Confirmed ? "yes"
+                          : row.write == RestoreRow::Write::NotConfirmed
+                              ? "NO (" + cameBack(row.answer) + ")"
+                              : "not sent";
+    if (row.putBack == RestoreRow::PutBack::PutBack)
+        verdict += ", put back";
+    else if (row.putBack == RestoreRow::PutBack::NotPutBack)
+        verdict += ", NOT put back";
+    return verdict;
+}
+
+void printRestore(Context& c, const RestoreReport& report)
+{
+    if (c.options.json) {
+        Json json = {{"file", c.options.file}};
+        for (const auto& row : report.rows) {
+            const bool sent = row.write != RestoreRow::Write::NotSent;
+            const bool changed = row.putBack != RestoreRow::PutBack::NotNeeded;
+            json[std::string(settingInfo(row.setting).jsonKey)] = {
+                {"before", row.before},
+                {"written", sent ? Json(row.wanted) : Json(nullptr)},
+                {"attempted", sent},
+                {"confirmed", row.write == RestoreRow::Write::Confirmed},
+                {"put_back",
+                 changed ? Json(row.putBack == RestoreRow::PutBack::PutBack) : Json(nullptr)}};
+        }
+        c.out << dump(json) << '\n';
+        return;
+    }
+    c.out << padded("setting", kNameWidth) << "before  written  confirmed\n";
+    for (const auto& row : report.rows) {
+        // A value never sent was not written: its column stays empty.
+        const bool sent = row.write != RestoreRow::Write::NotSent;
+        c.out << padded(settingInfo(row.setting).cliName, kNameWidth)
+              << rightAligned(std::to_string(row.before), 6)
+              << rightAligned(sent ? std::to_string(row.wanted) : "-", 9) << "  "
+              << restoreVerdict(row) << '\n';
+    }
+}
+
+// Why a restore failed at a write, and what became of the ones written before it.
+std::string restoreFailure(const RestoreReport& report)
+{
+    const std::size_t earlier = *report.failedAt;
+    const RestoreRow& failedRow = report.rows[earlier];
+    const std::string failed(settingInfo(failedRow.setting).cliName);
+    std::string message = "restore failed at " + failed + "; ";
+    std::string notPutBack;
+    for (std::size_t i = 0; i < earlier; ++i)
+        if (report.rows[i].putBack == RestoreRow::PutBack::NotPutBack)
+            notPutBack += (notPutBack.empty() ? "" : ", ") +
+                          std::string(settingInfo(report.rows[i].setting).cliName);
+    if (earlier == 0)
+        message += "nothing was written before it";
+    else if (notPutBack.empty())
+        message += "the " + std::to_string(earlier) + " setting" + (earlier == 1 ? "" : "s") +
+                   " written before it " + (earlier == 1 ? "was" : "were") + " put back";
+    else
+        message += "of the " + std::to_string(earlier) + " settings written before it, " +
+                   notPutBack + " could not be put back";
+    if (failedRow.putBack == RestoreRow::PutBack::NotPutBack)
+        message += "; " + failed + " itself could not be put back";
+    return message;
+}
+
 // A restore writes all six settings or, if one is not confirmed, puts back every value it wrote,
 // so the device is never left holding half a backup. Only an interruption leaves it half written,
 // as asked: nothing more is sent after Ctrl-C.
-int runRestore(Context& c, DeviceManager& device, const Backup& backup)
+int runRestore(Context& c, DeviceSession& device, const Backup& backup)
 {
-    const std::string revision = device.getRevision();
+    const std::string revision = device.revision().value_or("???");
     if (!c.options.force && backup.revision != revision) {
         c.err.line(c.options.file +
                    (backup.revision ? " is a backup of firmware revision " + echo(*backup.revision)
@@ -341,118 +431,51 @@ int runRestore(Context& c, DeviceManager& device, const Backup& backup)
                    "; nothing was written (--force restores it anyway)");
         return kExitBadInput;
     }
-    device.enableKeepaliveCheck(false);
-    // Read first: the values to put back if a write fails.
-    std::vector<std::string> answers;
-    const auto before = device.readSettings(&answers);
-    if (!before) {
-        c.err.line(readFailure("settings read", answers) + "; nothing was written");
+    device.enableKeepalive(false);
+    RestoreValues values;
+    for (const auto& info : kSettings)
+        values[settingIndex(info.id)] = backup.settings.get(info.id);
+    const RestoreReport report =
+        restoreSettings(device, values, [] { return interruptRequested(); });
+    switch (report.end) {
+    case RestoreReport::End::ReadFailed:
+        c.err.line(readFailure("settings read", report.readAnswers) + "; nothing was written");
         return kExitFailed;
-    }
-
-    enum class Step { NotAttempted, Confirmed, Failed };
-    struct Row
-    {
-        Step step = Step::NotAttempted;
-        std::string failure;
-        std::optional<bool> putBack;
-    };
-    std::array<Row, kSettings.size()> rows;
-    std::optional<std::size_t> failedAt;
-    std::optional<std::size_t> interruptedAt;
-    for (std::size_t i = 0; i < kSettings.size(); ++i) {
-        if (interruptRequested()) {
-            interruptedAt = i;
-            break;
-        }
-        const auto& info = kSettings[i];
-        const WriteResult written = device.save(info.id, backup.settings.get(info.id));
-        if (written.confirmed) {
-            rows[i].step = Step::Confirmed;
-            continue;
-        }
-        rows[i].step = Step::Failed;
-        rows[i].failure = cameBack(written.answer);
-        failedAt = i;
+    case RestoreReport::End::Done:
+    case RestoreReport::End::Interrupted:
+    case RestoreReport::End::WriteFailed:
+    case RestoreReport::End::DeviceLost:
         break;
     }
-    // The setting that failed is put back too: the device may hold a value it did not confirm.
-    // This runs to its end even after Ctrl-C, which would otherwise leave exactly the mix that
-    // it repairs.
-    if (failedAt) {
-        for (std::size_t i = 0; i <= *failedAt; ++i) {
-            const auto& info = kSettings[i];
-            rows[i].putBack = device.save(info.id, before->get(info.id)).confirmed;
-        }
+    if (!report.rows.empty())
+        printRestore(c, report);
+    if (report.end == RestoreReport::End::DeviceLost) {
+        c.err.line("device lost");
+        return kExitFailed;
     }
-
-    if (c.options.json) {
-        Json json = {{"file", c.options.file}};
-        for (std::size_t i = 0; i < kSettings.size(); ++i) {
-            const auto& info = kSettings[i];
-            json[std::string(info.jsonKey)] = {
-                {"before", before->get(info.id)},
-                {"written", backup.settings.get(info.id)},
-                {"attempted", rows[i].step != Step::NotAttempted},
-                {"confirmed", rows[i].step == Step::Confirmed},
-                {"put_back", rows[i].putBack ? Json(*rows[i].putBack) : Json(nullptr)}};
-        }
-        c.out << dump(json) << '\n';
-    } else {
-        c.out << padded("setting", kNameWidth) << "before  written  confirmed\n";
-        for (std::size_t i = 0; i < kSettings.size(); ++i) {
-            const auto& info = kSettings[i];
-            const Row& row = rows[i];
-            std::string verdict = row.step == Step::Confirmed ? "yes"
-                                  : row.step == Step::Failed  ? "NO (" + row.failure + ")"
-                                                              : "not attempted";
-            if (row.putBack)
-                verdict += *row.putBack ? ", put back" : ", NOT put back";
-            c.out << padded(info.cliName, kNameWidth)
-                  << rightAligned(std::to_string(before->get(info.id)), 6)
-                  << rightAligned(std::to_string(backup.settings.get(info.id)), 9) << "  "
-                  << verdict << '\n';
-        }
-    }
-
-    if (!failedAt && interruptRequested())
-        return c.interrupted(
-            writtenSoFar(interruptedAt.value_or(kSettings.size()), kSettings.size()));
-    if (!failedAt)
+    const auto sent = static_cast<std::size_t>(std::ranges::count_if(
+        report.rows, [](const auto& row) { return row.write != RestoreRow::Write::NotSent; }));
+    if (report.end != RestoreReport::End::WriteFailed && interruptRequested())
+        return c.interrupted(writtenSoFar(sent, kSettings.size()));
+    if (report.end != RestoreReport::End::WriteFailed)
         return kExitOk;
-    const std::string failed(kSettings[*failedAt].cliName);
-    const std::size_t earlier = *failedAt;
-    std::string message = "restore failed at " + failed + "; ";
-    std::string earlierNotPutBack;
-    for (std::size_t i = 0; i < earlier; ++i)
-        if (!*rows[i].putBack)
-            earlierNotPutBack +=
-                (earlierNotPutBack.empty() ? "" : ", ") + std::string(kSettings[i].cliName);
-    if (earlier == 0)
-        message += "nothing was written before it";
-    else if (earlierNotPutBack.empty())
-        message += "the " + std::to_string(earlier) + " setting" + (earlier == 1 ? "" : "s") +
-                   " written before it " + (earlier == 1 ? "was" : "were") + " put back";
-    else
-        message += "of the " + std::to_string(earlier) + " settings written before it, " +
-                   earlierNotPutBack + " could not be put back";
-    if (!*rows[earlier].putBack)
-        message += "; " + failed + " itself could not be put back";
-    c.err.line(failed + "=" + std::to_string(backup.settings.get(kSettings[earlier].id)) +
-               " was not confirmed: " + rows[earlier].failure);
-    c.err.line(message);
+    const RestoreRow& failedRow = report.rows[*report.failedAt];
+    c.err.line(std::string(settingInfo(failedRow.setting).cliName) + "=" +
+               std::to_string(failedRow.wanted) +
+               " was not confirmed: " + cameBack(failedRow.answer));
+    c.err.line(restoreFailure(report));
     return kExitFailed;
 }
 
-int runMonitorMotor(Context& c, DeviceManager& device)
+int runMonitorMotor(Context& c, DeviceSession& device)
 {
     EventQueue events(EventQueue::Subscriptions{{MonitorMotorEvent, "value"},
                                                 {MonitorMotorDoneEvent, "value"},
                                                 {ConnStateChangedEvent, "state"}});
-    // The keep-alive read would interleave with the test's stream; the app pauses it alike.
-    device.enableKeepaliveCheck(false);
+    // The session pauses the keep-alive for the test and, when this stops listening early, lets
+    // the test run out before the command ends.
     const auto start = Clock::now();
-    device.startMotorMonitoring();
+    device.startMotorTest();
     std::uint32_t samples = 0;
     int done = 0;
     int result = kExitOk;
@@ -488,11 +511,10 @@ int runMonitorMotor(Context& c, DeviceManager& device)
                   << padded(isDone ? "done" : "current", 9) << event.value;
         c.out << '\n' << std::flush;
     }
-    device.enableKeepaliveCheck(true);
     return result;
 }
 
-int runMonitorPoll(Context& c, DeviceManager& device, bool infraRed)
+int runMonitorPoll(Context& c, DeviceSession& device, bool infraRed)
 {
     const char* label = infraRed ? "ir" : "position";
     // Only the connection's end is posted to this queue; otherwise it waits for the tick or Ctrl-C.
@@ -501,7 +523,7 @@ int runMonitorPoll(Context& c, DeviceManager& device, bool infraRed)
         c.err.line("device lost");
         return kExitFailed;
     };
-    device.enableKeepaliveCheck(false);
+    device.enableKeepalive(false);
     const auto start = Clock::now();
     int result = kExitOk;
     for (std::uint32_t n = 0; (!c.options.count || n < *c.options.count) && c.out; ++n) {
@@ -518,21 +540,23 @@ int runMonitorPoll(Context& c, DeviceManager& device, bool infraRed)
         }
         if (interruptRequested())
             break;
-        const std::uint16_t value = infraRed ? device.readIR() : device.readReedSensor();
-        EventQueue::Event ended;
+        const Reading reading = device.readSensor(infraRed ? Sensor::InfraRed : Sensor::Position);
         // A read cut by a hang-up fails at once; the scan reports the loss a moment later.
-        if (value == VAL_UNDEF &&
-            (device.getConnectionState() != ConnectionState::Connected ||
-             ticks.next(Clock::now() + kLossReport, ended) == EventQueue::Wait::Event)) {
+        if (reading.kind == Reading::Kind::NoReply && device.waitForLoss(kLossReport)) {
             result = lost();
             break;
         }
-        if (value == VAL_UNDEF) {
-            // The engine keeps no answer of these reads: the words claim no more than it knows.
+        if (reading.kind == Reading::Kind::WrongReply) {
+            c.err.line(readFailure(std::string(label) + " read", {reading.answer}));
+            result = kExitFailed;
+            break;
+        }
+        if (reading.kind == Reading::Kind::NoReply) {
             c.err.line(std::string("no ") + label + " reading came from the device");
             result = kExitFailed;
             break;
         }
+        const std::uint16_t value = reading.value;
         const auto ms =
             std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
         if (c.options.json)
@@ -541,11 +565,11 @@ int runMonitorPoll(Context& c, DeviceManager& device, bool infraRed)
             c.out << rightAligned(std::to_string(ms), 6) << " ms  " << padded(label, 9) << value;
         c.out << '\n' << std::flush;
     }
-    device.enableKeepaliveCheck(true);
+    device.enableKeepalive(true);
     return result;
 }
 
-int runSaveExit(Context& c, DeviceManager& device)
+int runSaveExit(Context& c, DeviceSession& device)
 {
     if (interruptRequested())
         return c.interrupted("save-and-exit was not sent");
@@ -603,10 +627,10 @@ int run(const Options& options, std::ostream& out, ErrorStream& err)
         break;
     }
 
-    DeviceSession session;
-    if (auto failed = connect(c, session))
+    std::unique_ptr<sim::DeviceSimulator> simulator;
+    DeviceSession device;
+    if (auto failed = connect(c, device, simulator))
         return *failed;
-    DeviceManager& device = session.device();
     switch (options.command) {
     case Command::Ports:
         break;

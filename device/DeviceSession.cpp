@@ -462,6 +462,13 @@ bool DeviceSession::waitForConnection(std::chrono::milliseconds timeout)
     return m_impl->state == ConnectionState::Connected;
 }
 
+bool DeviceSession::waitForLoss(std::chrono::milliseconds timeout)
+{
+    std::unique_lock lock(m_impl->mutex);
+    return m_impl->changed.wait_for(lock, timeout,
+                                    [this] { return m_impl->state != ConnectionState::Connected; });
+}
+
 void DeviceSession::interruptWait()
 {
     std::lock_guard lock(m_impl->mutex);
@@ -475,10 +482,12 @@ std::vector<PortReport> DeviceSession::searchReport() const
     return m_impl->report;
 }
 
-std::optional<std::string> DeviceSession::readRevision()
+std::optional<std::string> DeviceSession::readRevision(std::optional<std::string>* answer)
 {
+    if (answer)
+        answer->reset();
     auto device = m_impl->ready();
-    return device ? device->readRevision() : std::nullopt;
+    return device ? device->readRevision(answer) : std::nullopt;
 }
 
 std::optional<std::string> DeviceSession::revision() const
@@ -598,7 +607,17 @@ std::vector<std::string> DeviceSession::candidatePorts(const PortChoice& ports)
 
 std::size_t DeviceSession::machinePortCount()
 {
-    return SerialCommunication::getSerialPortPaths().size();
+    return machinePorts().size();
+}
+
+std::string_view DeviceSession::productWord()
+{
+    return PRODUCT_WORD;
+}
+
+std::vector<std::string> DeviceSession::machinePorts()
+{
+    return SerialCommunication::getSerialPortPaths();
 }
 
 void DeviceSession::watchPorts(bool watch)

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 // One connection to the device for every front end: it owns the device manager's life, decides
@@ -109,6 +110,9 @@ public:
     ConnectionState state() const;
     // Waits until connected (true) or the search gave up or was closed (false).
     bool waitForConnection(std::chrono::milliseconds timeout);
+    // Waits until the connection ends (true) or timeout passes while connected (false). A read
+    // cut short by a hang-up fails at once; the scan reports the loss a moment later.
+    bool waitForLoss(std::chrono::milliseconds timeout);
     // Ends a waitForConnection now (from any thread, e.g. on Ctrl-C); the next open() clears it.
     void interruptWait();
     // After a search that gave up: each port tried with why it was not the device.
@@ -116,7 +120,8 @@ public:
 
     // Device requests. Each first waits for a running motor test to end. While not connected
     // they fail as a device that does not answer.
-    std::optional<std::string> readRevision();
+    // With answer, the first answer as it came (none when nothing came).
+    std::optional<std::string> readRevision(std::optional<std::string>* answer = nullptr);
     // The revision the search read when it found the device; nothing while not searching.
     std::optional<std::string> revision() const;
     std::optional<SettingsData> readSettings(std::vector<std::string>* answers = nullptr);
@@ -139,6 +144,10 @@ public:
     // appears (inotify on the folders ports appear in; no polling).
     static std::vector<std::string> candidatePorts(const PortChoice& ports = PortChoice::any());
     static std::size_t machinePortCount();
+    // The word a port's name carries when it is the device's ("Dravinel").
+    static std::string_view productWord();
+    // Every serial port of the machine, candidate or not.
+    static std::vector<std::string> machinePorts();
     void watchPorts(bool watch);
 
     // Where the serial module's messages go (standard error by default).

@@ -143,7 +143,12 @@ struct DeviceSimulator::Impl
     bool saved = false;
     bool mute = false;
     std::chrono::milliseconds responseDelay{0};
-    std::map<char, std::string> overrides;
+    struct Override
+    {
+        std::string line;
+        std::size_t skip = 0; // requests still answered truly before the line takes over
+    };
+    std::map<char, Override> overrides;
     std::string settingsOrder; // empty: the table's order
     std::vector<ReceivedRequest> requests;
     std::map<char, std::size_t> requestCounts;
@@ -373,8 +378,12 @@ void DeviceSimulator::Impl::handleRequest(char code, const std::string& content,
         if (code == SAVE_EXIT_REQ && !muted)
             saved = true;
         delay = responseDelay;
-        if (auto it = overrides.find(code); it != overrides.end())
-            override = it->second;
+        if (auto it = overrides.find(code); it != overrides.end()) {
+            if (it->second.skip > 0)
+                --it->second.skip;
+            else
+                override = it->second.line;
+        }
     }
     requestsChanged.notify_all();
     if (muted)
@@ -728,10 +737,10 @@ void DeviceSimulator::setResponseDelay(std::chrono::milliseconds d)
     m_impl->responseDelay = d;
 }
 
-void DeviceSimulator::setAnswerOverride(char requestCode, std::string line)
+void DeviceSimulator::setAnswerOverride(char requestCode, std::string line, std::size_t after)
 {
     std::lock_guard lock(m_impl->stateMutex);
-    m_impl->overrides[requestCode] = std::move(line);
+    m_impl->overrides[requestCode] = {std::move(line), after};
 }
 
 void DeviceSimulator::clearAnswerOverrides()

@@ -88,7 +88,8 @@ public:
     void setMute(bool mute);                            // receive and record, answer nothing
     void setResponseDelay(std::chrono::milliseconds d); // wait before each answer
     // Answer this request code with the given line (LF CR appended) instead of the real answer.
-    void setAnswerOverride(char requestCode, std::string line);
+    // With after, the next after requests of the code are still answered truly.
+    void setAnswerOverride(char requestCode, std::string line, std::size_t after = 0);
     void clearAnswerOverrides();
     // The answer codes of 'G', in the order sent; repeat or omit codes to send duplicates or
     // leave a setting out. Empty (the default): every row of the table, in its order.
