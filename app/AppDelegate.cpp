@@ -15,6 +15,7 @@ namespace dravinel {
 namespace {
 
 const QString kWindowTitle = QStringLiteral("Dravinel Configurator");
+constexpr qsizetype kRecentMessages = 10;
 
 } // namespace
 
@@ -49,7 +50,14 @@ void AppDelegate::applicationDidFinishLaunching()
     // Present from the start, so that the first message does not make the window grow.
     QStatusBar* status = m_window->statusBar();
     connect(m_masterViewController, &MasterViewController::statusMessage, status,
-            [status](const QString& text) { status->showMessage(text); });
+            [status, recent = QStringList()](const QString& text) mutable {
+                status->showMessage(text);
+                // The bar cuts a long message; its tooltip keeps the last ones whole.
+                recent.prepend(text);
+                if (recent.size() > kRecentMessages)
+                    recent.removeLast();
+                status->setToolTip(recent.join(QLatin1Char('\n')));
+            });
 }
 
 void AppDelegate::setTitleSuffix(const QString& suffix)

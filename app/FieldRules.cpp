@@ -1,32 +1,27 @@
 #include "FieldRules.h"
 
+#include "device/Settings.h"
+
 namespace dravinel::fields {
 
-std::optional<std::uint32_t> parseWhole(std::string_view text, std::uint32_t max)
+bool isBlank(std::string_view text)
 {
-    const auto first = text.find_first_not_of(' ');
-    if (first == std::string_view::npos)
-        return std::nullopt;
-    text = text.substr(first, text.find_last_not_of(' ') - first + 1);
-    std::uint32_t value = 0;
-    for (const char c : text) {
-        if (c < '0' || c > '9')
-            return std::nullopt;
-        value = value * 10 + static_cast<std::uint32_t>(c - '0');
-        // Checked digit by digit, so that a long run of digits cannot wrap round into range.
-        if (value > max)
-            return std::nullopt;
-    }
-    return value;
+    return text.find_first_not_of(" \t") == std::string_view::npos;
 }
 
 std::optional<std::uint16_t> cycleTimeout(std::string_view hours, std::string_view minutes)
 {
-    const auto h = parseWhole(hours, kMaxHours);
-    const auto m = parseWhole(minutes, kMaxMinutes);
-    if (!h || !m || *h * 60 + *m > kMaxValue)
+    if (isBlank(hours) && isBlank(minutes))
         return std::nullopt;
-    return static_cast<std::uint16_t>(*h * 60 + *m);
+    const auto part = [](std::string_view text) {
+        return isBlank(text) ? std::optional<std::uint16_t>(0) : parseSettingValue(text);
+    };
+    const auto h = part(hours);
+    const auto m = part(minutes);
+    const std::uint32_t total = h && m ? std::uint32_t{*h} * 60 + *m : 0;
+    if (!h || !m || total > settingInfo(Setting::CycleTimeout).max)
+        return std::nullopt;
+    return static_cast<std::uint16_t>(total);
 }
 
 } // namespace dravinel::fields

@@ -1,6 +1,7 @@
 #include "MotorCurrentChart.h"
 
 #include <QChart>
+#include <QFontMetrics>
 #include <QLineSeries>
 #include <QValueAxis>
 
@@ -56,6 +57,17 @@ void MotorCurrentChart::addSample(std::int64_t value)
         m_peak = value;
         m_current->setMax(std::max<qreal>(kInitialCurrent, static_cast<qreal>(value) * 1.15));
     }
+}
+
+QSize MotorCurrentChart::minimumSizeHint() const
+{
+    // The current axis's title runs up the plot's side: the plot is kept at least as tall as
+    // the title is long, so that a larger font does not cut it.
+    const QFontMetrics title(m_current->titleFont());
+    const QFontMetrics labels(m_samples->labelsFont());
+    const int height = title.horizontalAdvance(m_current->titleText()) + title.height() +
+                       2 * labels.height() + kAxisMargins;
+    return {kMinimumWidth, std::max(kMinimumHeight, height)};
 }
 
 int MotorCurrentChart::sampleCount() const

@@ -23,14 +23,15 @@ public:
     void addSample(std::int64_t value);
     int sampleCount() const;
 
-    // Constant, unlike a view's hint that follows its scene: the space kept for the chart must
-    // not change once it shows.
+    // Constant for a font, unlike a view's hint that follows its scene: the space kept for the
+    // chart must not change once it shows.
     QSize sizeHint() const override { return minimumSizeHint(); }
-    QSize minimumSizeHint() const override { return {kMinimumWidth, kMinimumHeight}; }
+    QSize minimumSizeHint() const override;
 
 private:
     static constexpr int kMinimumWidth = 240;
     static constexpr int kMinimumHeight = 160;
+    static constexpr int kAxisMargins = 32;
 
     QLineSeries* m_series;
     QValueAxis* m_samples;

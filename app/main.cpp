@@ -1,10 +1,7 @@
 #include "AppDelegate.h"
 #include "MasterViewController.h"
-#include "device/DeviceManager.h"
 
-#include "serial/serial.h"
 #include "sim/DeviceSimulator.h"
-#include "support/Logger.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
@@ -105,12 +102,10 @@ int main(int argc, char* argv[])
     // The installed desktop entry's name: Wayland shows that entry's icon for the window.
     QGuiApplication::setDesktopFileName(QStringLiteral("example.dravinel.Configurator"));
     const Options options = parseOptions(app);
-    // The serial module's messages (a port that failed, and why) belong in the app's log.
-    dravinel::set_serial_message_sink([](const std::string& message) {
-        const auto end = message.find_last_not_of('\n');
-        dravinel::Logger::getInstance().logWarning(
-            "%s", message.substr(0, end == std::string::npos ? 0 : end + 1).c_str());
-    });
+    // The serial module's messages (a port that failed, and why) go to standard error, never
+    // to the levelled log.
+    dravinel::DeviceSession::setSerialMessageSink(
+        [](const std::string& message) { std::fputs(message.c_str(), stderr); });
 
     // Declared before the window so that it outlives every connection the window makes.
     std::unique_ptr<dravinel::sim::DeviceSimulator> simulator;
@@ -124,11 +119,11 @@ int main(int argc, char* argv[])
         }
     }
     // A named port, or the simulated device, is the only port the app opens.
-    dravinel::DeviceManager::Options deviceOptions;
+    dravinel::PortChoice ports;
     if (simulator)
-        deviceOptions = {{simulator->portPath()}, false};
+        ports = dravinel::PortChoice::only(simulator->portPath());
     else if (!options.port.isEmpty())
-        deviceOptions = {{options.port.toStdString()}, false};
+        ports = dravinel::PortChoice::only(options.port.toStdString());
 
     dravinel::AppDelegate delegate;
     if (simulator)
@@ -136,7 +131,7 @@ int main(int argc, char* argv[])
     if (qEnvironmentVariableIsSet("DRAVINEL_STARTUP_TIMING"))
         delegate.window()->installEventFilter(new StartupTimer(sinceStart, &delegate));
     delegate.applicationDidFinishLaunching();
-    delegate.masterViewController()->setDeviceOptions(deviceOptions);
+    delegate.masterViewController()->setPorts(ports);
     delegate.window()->resize(delegate.window()->sizeHint().expandedTo(QSize(780, 560)));
     delegate.window()->show();
     const int result = QApplication::exec();

@@ -72,12 +72,13 @@ shoot 2-mute-refresh.png
 kill -CONT "$simpid"
 stop_all
 
-# 3. Unplugged during a motor test: Shift+Tab reaches the monitoring choice, Down picks the test.
+# 3. Unplugged during a motor test: Shift+Tab reaches the monitoring choice; the test is picked
+# from its open list (Alt+Down, Down, Return), as a key on the closed box changes nothing.
 start_sim
 start_app "$port"
 sleep 2
 focus_main
-xdotool key --delay 60 shift+Tab Down
+xdotool key --delay 120 shift+Tab alt+Down Down Return
 sleep 1.2
 kill -USR1 "$simpid"
 sleep 0.8

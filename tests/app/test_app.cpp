@@ -5,16 +5,19 @@
 #include "MasterViewController.h"
 #include "MotorCurrentChart.h"
 
-#include "serial/serial.h"
+#include "device/DeviceSession.h"
 #include "sim/DeviceSimulator.h"
 #include "support/Logger.h"
 
+#include <QAbstractItemView>
+#include <QAccessible>
 #include <QAction>
 #include <QCheckBox>
 #include <QClipboard>
 #include <QComboBox>
 #include <QDialog>
 #include <QElapsedTimer>
+#include <QGroupBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMainWindow>
@@ -24,6 +27,7 @@
 #include <QTemporaryFile>
 #include <QTest>
 #include <QTimer>
+#include <QWheelEvent>
 
 #include <chrono>
 #include <memory>
@@ -49,7 +53,7 @@ private slots:
         // DRAVINEL_TEST_LOG_LEVEL=4 brings the traffic back when a test needs explaining.
         const int level = qEnvironmentVariableIntValue("DRAVINEL_TEST_LOG_LEVEL");
         Logger::getInstance().setLevel(level > 0 ? level : 1);
-        set_serial_message_sink(
+        DeviceSession::setSerialMessageSink(
             [](const std::string& m) { Logger::getInstance().logInfo("%s", m.c_str()); });
     }
     void cleanup()
@@ -61,6 +65,7 @@ private slots:
     void openFillsEveryFieldAndWritesFollowTheFieldRules();
     void monitoringPollsMotorTestLocksAndMuteDeviceNeverFreezes();
     void saveAndExitOnceThenLostDeviceIsNoticed();
+    void deliberateChoicesNamedControlsAndQuittingAnyTime();
 
 private:
     void launch()
@@ -68,7 +73,7 @@ private:
         m_delegate = std::make_unique<AppDelegate>();
         m_delegate->applicationDidFinishLaunching();
         if (m_sim)
-            m_delegate->masterViewController()->setDeviceOptions({{m_sim->portPath()}, false});
+            m_delegate->masterViewController()->setPorts(PortChoice::only(m_sim->portPath()));
         m_delegate->window()->show();
         QTRY_VERIFY(welcome() && welcome()->isVisible());
     }
@@ -79,7 +84,7 @@ private:
         m_sim->setSettings(settings);
         m_sim->setBatteryRaw(1332);
         if (m_delegate)
-            m_delegate->masterViewController()->setDeviceOptions({{m_sim->portPath()}, false});
+            m_delegate->masterViewController()->setPorts(PortChoice::only(m_sim->portPath()));
     }
     // The requests with one of the given codes, as "code content", in arrival order.
     Requests requestsOf(const std::string& codes) const
@@ -119,7 +124,7 @@ private:
         widget<QComboBox>("monitoringComboBox")->setCurrentIndex(index);
         emit widget<QComboBox>("monitoringComboBox")->activated(index);
     }
-    // The text a label, field or button shows (a button's ampersand undoubled).
+    // The text a label or field shows; a button's caption as a screen reader reads it.
     QString text(const char* name) const
     {
         auto* found = widget<QWidget>(name);
@@ -127,7 +132,11 @@ private:
             return label->text();
         if (auto* field = qobject_cast<QLineEdit*>(found))
             return field->text();
-        return qobject_cast<QAbstractButton*>(found)->text().replace("&&", "&");
+        return accessible(found, QAccessible::Name);
+    }
+    static QString accessible(QWidget* widget, QAccessible::Text what)
+    {
+        return QAccessible::queryAccessibleInterface(widget)->text(what);
     }
     // Which of the named widgets are enabled.
     QStringList enabled(std::initializer_list<const char*> names) const
@@ -170,10 +179,9 @@ void AppTest::startUpLookAndASearchThatFindsNothingSaysWhy()
     // Empty fields before any connection are not marked as wrong.
     QCOMPARE(mark("clockWiseBasicTextField"), QString());
 
-    // The welcome panel: a window-modal dialog over the main window, ready to search, that
-    // Escape does not dismiss; Quit stays reachable.
+    // The welcome panel: a dialog over the main window, ready to search, that Escape does not
+    // dismiss; Quit stays reachable.
     QCOMPARE(welcome()->parentWidget(), m_delegate->window());
-    QCOMPARE(welcome()->windowModality(), Qt::WindowModal);
     QCOMPARE(text("welcomeStatusLabel"), QString());
     QVERIFY(!widget<QProgressBar>("welcomeScanningProgress")->isVisible());
     QCOMPARE(enabled({"welcomeOpenButton", "welcomeCancelButton"}),
@@ -198,14 +206,14 @@ void AppTest::startUpLookAndASearchThatFindsNothingSaysWhy()
     QCOMPARE(text("statusLabel"), u"Disconnected"_s);
 
     // A search that finds nothing says why, under the usual message.
-    for (const auto& path : get_port_paths())
-        if (path.find("Dravinel") != std::string::npos)
-            QSKIP("this machine has a real device port");
+    if (!DeviceSession::candidatePorts().empty())
+        QSKIP("this machine has a real device port");
     auto* detail = widget<QLabel>("welcomeDetailLabel");
     const QString notFound = u"Could not find device. Please try again."_s;
     QTest::keyClick(welcome(), Qt::Key_Return);
     QVERIFY(widget<QPushButton>("welcomeCancelButton")->isEnabled());
     QTRY_COMPARE_WITH_TIMEOUT(text("welcomeStatusLabel"), notFound, 10000);
+    QCOMPARE(welcome()->focusWidget(), widget<QWidget>("welcomeOpenButton"));
     QVERIFY(detail->isVisible());
     QCOMPARE(detail->text().section('\n', 0, 0), u"No Dravinel device is plugged in."_s);
     QVERIFY(detail->text().contains(u"--port"_s));
@@ -217,15 +225,16 @@ void AppTest::startUpLookAndASearchThatFindsNothingSaysWhy()
     // A port that cannot be opened is named with the reason, in words.
     QTemporaryFile notATty;
     QVERIFY(notATty.open());
-    m_delegate->masterViewController()->setDeviceOptions(
-        {{notATty.fileName().toStdString()}, false});
+    m_delegate->masterViewController()->setPorts(
+        PortChoice::only(notATty.fileName().toStdString()));
     QTest::keyClick(welcome(), Qt::Key_Return);
     QTRY_VERIFY_WITH_TIMEOUT(!detail->text().isEmpty(), 10000);
     QCOMPARE(detail->text(), notATty.fileName() + u": not a serial port"_s);
     QVERIFY(bar().endsWith(detail->text()));
 
-    // Cancel ends a search at once; the panel stays.
+    // Cancel ends a search under way at once; the panel stays.
     QTest::keyClick(welcome(), Qt::Key_Return);
+    QTRY_COMPARE(text("statusLabel"), u"Scanning"_s);
     widget<QPushButton>("welcomeCancelButton")->click();
     QTRY_COMPARE_WITH_TIMEOUT(text("welcomeStatusLabel"), u"Search cancelled."_s, 3000);
     QVERIFY(widget<QPushButton>("welcomeOpenButton")->isEnabled());
@@ -269,8 +278,8 @@ void AppTest::openFillsEveryFieldAndWritesFollowTheFieldRules()
 
     // Anything but whole numbers in range (hours and minutes together at most 65535 minutes)
     // marks the field, with the range in its tooltip, and disables Update: nothing is sent.
-    for (const QString row : {" -1|2|15", "abc|2|15", "70000|2|15", "12.5|2|15", "|2|15", "47|2|75",
-                              "47|1093|0", "47|1092|16"}) {
+    for (const QString row : {" -1|2|15", "abc|2|15", "70000|2|15", "12.5|2|15", "|2|15", "47||",
+                              "47|1093|0", "47|1092|16", "47|0|65536"}) {
         const QStringList values = row.split('|');
         type({{"clockWiseBasicTextField", values[0]},
               {"waitTimeHoursBasicTextField", values[1]},
@@ -283,10 +292,24 @@ void AppTest::openFillsEveryFieldAndWritesFollowTheFieldRules()
     QVERIFY(widget<QWidget>("waitTimeHoursBasicTextField")->toolTip().contains("65535 minutes"));
     QCOMPARE(press("updateBasicButton"), Requests{});
 
+    // Minutes over 59 are added; an empty field beside a filled one counts as 0.
+    for (const auto& [row, written] :
+         {std::pair{"1|75", "T 135"}, {"2|", "T 120"}, {"|5", "T 5"}, {"0|65535", "T 65535"}}) {
+        const QStringList values = QString::fromLatin1(row).split('|');
+        type({{"waitTimeHoursBasicTextField", values[0]},
+              {"waitTimeMinutesBasicTextField", values[1]}});
+        QCOMPARE(press("updateBasicButton").back(), std::string(written));
+    }
     // Ticked directions write their fields; an unticked one writes 0 whatever its field holds.
-    type({{"counterClockWiseBasicTextField", "77"}, {"waitTimeMinutesBasicTextField", "15"}});
+    // Return in a field updates its panel.
+    type({{"counterClockWiseBasicTextField", "77"},
+          {"waitTimeHoursBasicTextField", "1092"},
+          {"waitTimeMinutesBasicTextField", "15"}});
     QCOMPARE(mark("waitTimeHoursBasicTextField"), QString());
-    QCOMPARE(press("updateBasicButton"), (Requests{"R 47", "L 77", "T 65535"}));
+    m_sim->clearRequests();
+    QTest::keyClick(widget<QLineEdit>("waitTimeMinutesBasicTextField"), Qt::Key_Return);
+    waitIdle();
+    QCOMPARE(requestsOf("RLTSCI"), (Requests{"R 47", "L 77", "T 65535"}));
     QCOMPARE(bar(), u"3 settings written, all confirmed"_s);
     // A write the device does not confirm is named, with its answer, and marked on its field.
     m_sim->setAnswerOverride('L', "l,12");
@@ -316,6 +339,7 @@ void AppTest::openFillsEveryFieldAndWritesFollowTheFieldRules()
         QCOMPARE(widget<QWidget>("errorAdvancedLabel")->isVisible(), !right);
         QCOMPARE(text("errorAdvancedLabel"), u"Wrong Password"_s);
     }
+    QCOMPARE(QApplication::focusWidget(), widget<QWidget>("motorTorqueTextField"));
     type({{"motorTorqueTextField", "250"}, {"motorProtectionTextField", "65536"}});
     QVERIFY(!widget<QPushButton>("updateAdvancedButton")->isEnabled());
     type({{"motorProtectionTextField", "65535"}, {"detectionThresholdTextField", "0"}});
@@ -435,12 +459,16 @@ void AppTest::saveAndExitOnceThenLostDeviceIsNoticed()
     QObject::connect(m_delegate->masterViewController(), &MasterViewController::stateDisplayed,
                      this, [&] { shown << status->text(); });
 
-    // A second press of Save & Exit does nothing: one Z, and no new search.
+    // A second press of Save & Exit does nothing: one Z, and no new search, also when it lands
+    // on Open within a double-click.
+    QApplication::setDoubleClickInterval(4000);
     QTest::mouseClick(connect, Qt::LeftButton);
     QTest::mouseClick(connect, Qt::LeftButton);
     QVERIFY(m_sim->waitForRequests('Z', 1, 2000ms));
-    QTRY_COMPARE_WITH_TIMEOUT(status->text(), u"Disconnected"_s, 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(status->text(), u"Disconnected"_s, 3000);
+    QTest::mouseClick(connect, Qt::LeftButton);
     QTest::qWait(300);
+    QApplication::setDoubleClickInterval(100);
     QCOMPARE(shown, (QStringList{"Disconnecting", "Disconnected"}));
     QCOMPARE(m_sim->requestCount('Z'), std::size_t{1});
     QVERIFY(m_sim->savedAndExited());
@@ -490,6 +518,119 @@ void AppTest::saveAndExitOnceThenLostDeviceIsNoticed()
     QCOMPARE(enabled({"connectButton", "updateBasicButton", "refreshAdvancedButton",
                       "monitoringComboBox", "waitTimeHoursBasicTextField", "motorTorqueTextField"}),
              QStringList{});
+}
+
+void AppTest::deliberateChoicesNamedControlsAndQuittingAnyTime()
+{
+    // A settings read that fails leaves its empty fields saying so, not marked as wrong.
+    startSimulator();
+    // One answer of the six is not a number.
+    m_sim->setAnswerOverride('G', "c,1\n\ri,?\n\rr,1\n\rl,1\n\rs,1\n\rt,1");
+    launch();
+    openFromWelcome();
+    auto* field = widget<QLineEdit>("clockWiseBasicTextField");
+    QCOMPARE(field->text(), QString());
+    QCOMPARE(field->placeholderText(), u"not read"_s);
+    QCOMPARE(mark("clockWiseBasicTextField") + mark("waitTimeMinutesBasicTextField"), QString());
+    QVERIFY(!widget<QPushButton>("updateBasicButton")->isEnabled());
+    m_sim->clearAnswerOverrides();
+
+    // Every control is named as a person reads it; value labels by their value.
+    auto* window = m_delegate->window();
+    QStringList unnamed;
+    for (QWidget* control : window->findChildren<QWidget*>())
+        if (control->focusPolicy() != Qt::NoFocus && control->isVisible() &&
+            accessible(control, QAccessible::Name).isEmpty())
+            unnamed << control->objectName() + ':' + control->metaObject()->className();
+    QVERIFY2(unnamed.isEmpty(), qPrintable(unnamed.join(' ')));
+    QStringList names;
+    for (const char* name : {"clockWiseBasicTextField", "counterClockWiseBasicTextField",
+                             "waitTimeHoursBasicTextField", "waitTimeMinutesBasicTextField",
+                             "connectButton", "refreshBasicButton", "updateAdvancedButton",
+                             "statusLabel", "batteryLevelLabel", "monitoringValueLabel"})
+        names << accessible(widget<QWidget>(name), QAccessible::Name);
+    QCOMPARE(names, (QStringList{"Positive rotation", "Negative rotation", "Cycle time-out hours",
+                                 "Cycle time-out minutes", "Save & Exit", "Refresh", "Update",
+                                 "Connected", "12.0 V", "-"}));
+    QVERIFY(accessible(widget<QWidget>("refreshBasicButton"), QAccessible::Description) !=
+            accessible(widget<QWidget>("refreshAdvancedButton"), QAccessible::Description));
+    QCOMPARE(accessible(welcome(), QAccessible::Name), u"Welcome"_s);
+    QCOMPARE(QAccessible::queryAccessibleInterface(welcome())->role(), QAccessible::Dialog);
+    // The menus' access keys stay free.
+    for (QAbstractButton* button : window->findChildren<QAbstractButton*>())
+        for (const char* menuKey : {"&F", "&D", "&V", "&H"})
+            QVERIFY2(!button->text().contains(QLatin1String(menuKey), Qt::CaseInsensitive),
+                     qPrintable(button->text()));
+
+    // Neither the wheel nor an arrow key on the closed box starts anything; a pick from the
+    // open list starts at once.
+    auto* combo = widget<QComboBox>("monitoringComboBox");
+    QCOMPARE(window->findChild<QGroupBox*>("monitoringGroup")->findChild<QComboBox*>(), combo);
+    m_sim->clearRequests();
+    combo->setFocus();
+    QWheelEvent wheel(QPointF(5, 5), combo->mapToGlobal(QPointF(5, 5)), {}, {0, -120}, Qt::NoButton,
+                      Qt::NoModifier, Qt::NoScrollPhase, false);
+    QApplication::sendEvent(combo, &wheel);
+    for (const auto key : {Qt::Key_Down, Qt::Key_PageDown, Qt::Key_End, Qt::Key_I})
+        QTest::keyClick(combo, key);
+    QTest::qWait(1200);
+    QCOMPARE(combo->currentIndex(), 0);
+    QCOMPARE(requestsOf("MNO"), Requests{});
+    combo->showPopup();
+    QTRY_VERIFY(combo->view()->isVisible());
+    QTest::keyClick(combo->view(), Qt::Key_Down);
+    QTest::keyClick(combo->view(), Qt::Key_Down);
+    QTest::keyClick(combo->view(), Qt::Key_Return);
+    QCOMPARE(text("monitoringNameLabel"), u"Position sensor :"_s);
+    QVERIFY(m_sim->waitForRequests('O', 1, 1000ms));
+    QCOMPARE(m_sim->requestCount('M'), std::size_t{0});
+
+    // A wrong answer is shown with what came, and four in a row are not a lost device.
+    m_sim->setAnswerOverride('O', "o,abc");
+    QTRY_COMPARE_WITH_TIMEOUT(text("monitoringValueLabel"), u"wrong answer: \"o,abc\""_s, 2500);
+    m_sim->clearRequests();
+    QTest::qWait(3500);
+    QVERIFY(m_sim->requestCount('O') >= 3);
+    QCOMPARE(text("statusLabel"), u"Connected"_s);
+    QCOMPARE(text("monitoringValueLabel"), u"wrong answer: \"o,abc\""_s);
+    m_sim->clearAnswerOverrides();
+
+    // The title link is one Tab stop, left by Tab and Shift+Tab alike.
+    auto* title = widget<QLabel>("leDravinelTitle");
+    for (const auto modifier : {Qt::NoModifier, Qt::ShiftModifier}) {
+        title->setFocus();
+        QTest::keyClick(title, Qt::Key_Tab, modifier);
+        QVERIFY(QApplication::focusWidget() != title);
+    }
+
+    // Escape does not close the welcome panel, which stays centred on the main window; its
+    // close button leaves the window usable.
+    welcome()->show();
+    window->move(window->pos() + QPoint(40, 30));
+    QTRY_VERIFY((welcome()->frameGeometry().center() - window->frameGeometry().center())
+                    .manhattanLength() <= 2);
+    QTest::keyClick(welcome(), Qt::Key_Escape);
+    QVERIFY(welcome()->isVisible());
+    QVERIFY(welcome()->close());
+    QVERIFY(!QApplication::modalWindow());
+    QVERIFY(widget<QPushButton>("connectButton")->isEnabled());
+
+    // With the panel up, closing the main window or File > Quit ends the app at once.
+    for (const bool byMenu : {false, true}) {
+        welcome()->show();
+        QTimer::singleShot(0, this, [&] {
+            if (byMenu)
+                m_delegate->quitAction()->trigger();
+            else
+                window->close();
+        });
+        // Ends a loop that nothing else ended, with a code that fails the comparison.
+        QTimer fallback;
+        fallback.callOnTimeout([] { QCoreApplication::exit(7); });
+        fallback.start(3000);
+        QCOMPARE(QApplication::exec(), 0);
+        window->show();
+    }
 }
 
 } // namespace dravinel
