@@ -118,11 +118,13 @@ ParsedArguments parseArguments(const std::vector<std::string>& args)
         ->check(CLI::IsMember({"motor", "ir", "position"}));
     monitor->add_option("--count", count, "stop after N samples or readings")->type_name("N");
     command("backup", "save the revision and the six settings to a JSON file", Command::Backup)
-        ->add_option("FILE", options.file, "the backup file; replaced as a whole or not at all")
+        ->add_option("FILE", options.file,
+                     "the backup file, replaced as a whole or not at all; - for standard output")
         ->required();
     auto* restore = command("restore", "write a backup's six settings: all, or none if one fails",
                             Command::Restore);
-    restore->add_option("FILE", options.file, "a file written by backup")->required();
+    restore->add_option("FILE", options.file, "a file written by backup; - for standard input")
+        ->required();
     restore->add_flag("--force", options.force,
                       "restore a backup of another firmware revision, or of none");
     command("save-exit", "tell the device to store its settings and leave configuration mode",

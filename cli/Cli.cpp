@@ -37,6 +37,8 @@ constexpr std::chrono::milliseconds kPollPeriod{1000};
 // How long a failed read waits for the scan to report a lost line before it counts as unanswered.
 constexpr std::chrono::milliseconds kLossReport{200};
 constexpr std::size_t kNameWidth = 19;
+// The file name of backup and restore that means standard output and input.
+constexpr std::string_view kStandardStream = "-";
 
 // Error lines and, with -v, the log share the error stream; the log comes from the engine's
 // threads, so every write takes the lock.
@@ -97,6 +99,19 @@ public:
 private:
     std::int32_t m_previousLevel;
 };
+
+// Standard input, whole, unless it holds more than a backup file may; false then.
+bool readStandardInput(std::string& text)
+{
+    text.clear();
+    char buffer[4096];
+    while (std::cin.read(buffer, sizeof buffer) || std::cin.gcount() > 0) {
+        text.append(buffer, static_cast<std::size_t>(std::cin.gcount()));
+        if (text.size() > kLargestBackupFile)
+            return false;
+    }
+    return true;
+}
 
 // Why a write was not confirmed: the device said something else, or nothing.
 std::string cameBack(const std::optional<std::string>& answer)
@@ -335,6 +350,11 @@ int runBackup(Context& c, DeviceSession& device, const std::string& target)
     if (interruptRequested())
         return c.interrupted("nothing was saved");
     const std::string revision = device.revision().value_or("???");
+    if (c.options.file == kStandardStream) {
+        // The backup itself is the output: nothing else may go with it.
+        c.out << formatBackup(revision, *data);
+        return kExitOk;
+    }
     if (const auto failure = replaceFile(target, formatBackup(revision, *data))) {
         c.err.line("cannot save the backup: " + describeFileError(*failure));
         return kExitFailed;
@@ -514,6 +534,25 @@ int runMonitorMotor(Context& c, DeviceSession& device)
     return result;
 }
 
+// The exit code of a poll whose reading gave no value, or nothing when it gave one.
+std::optional<int> readingFailure(Context& c, DeviceSession& device, const Reading& reading,
+                                  const std::string& label)
+{
+    switch (reading.kind) {
+    case Reading::Kind::Value:
+        return std::nullopt;
+    case Reading::Kind::WrongReply:
+        c.err.line(readFailure(label + " read", {reading.answer}));
+        return kExitFailed;
+    case Reading::Kind::NoReply:
+        break;
+    }
+    // A read cut by a hang-up fails at once; the scan reports the loss a moment later.
+    c.err.line(device.waitForLoss(kLossReport) ? "device lost"
+                                               : "no " + label + " reading came from the device");
+    return kExitFailed;
+}
+
 int runMonitorPoll(Context& c, DeviceSession& device, bool infraRed)
 {
     const char* label = infraRed ? "ir" : "position";
@@ -541,19 +580,8 @@ int runMonitorPoll(Context& c, DeviceSession& device, bool infraRed)
         if (interruptRequested())
             break;
         const Reading reading = device.readSensor(infraRed ? Sensor::InfraRed : Sensor::Position);
-        // A read cut by a hang-up fails at once; the scan reports the loss a moment later.
-        if (reading.kind == Reading::Kind::NoReply && device.waitForLoss(kLossReport)) {
-            result = lost();
-            break;
-        }
-        if (reading.kind == Reading::Kind::WrongReply) {
-            c.err.line(readFailure(std::string(label) + " read", {reading.answer}));
-            result = kExitFailed;
-            break;
-        }
-        if (reading.kind == Reading::Kind::NoReply) {
-            c.err.line(std::string("no ") + label + " reading came from the device");
-            result = kExitFailed;
+        if (const auto failed = readingFailure(c, device, reading, label)) {
+            result = *failed;
             break;
         }
         const std::uint16_t value = reading.value;
@@ -606,13 +634,20 @@ int run(const Options& options, std::ostream& out, ErrorStream& err)
         break;
     }
     case Command::Backup:
+        if (options.file == kStandardStream)
+            break;
         if (const auto failure = resolveReplaceTarget(options.file, target))
             return bad("cannot save a backup there: " + describeFileError(*failure));
         break;
     case Command::Restore: {
         std::string text;
-        if (const auto failure = readSmallFile(options.file, kLargestBackupFile, text))
+        if (options.file == kStandardStream) {
+            if (!readStandardInput(text))
+                return bad("cannot restore: standard input is larger than " +
+                           std::to_string(kLargestBackupFile) + " bytes");
+        } else if (const auto failure = readSmallFile(options.file, kLargestBackupFile, text)) {
             return bad("cannot restore: " + describeFileError(*failure));
+        }
         std::string error;
         auto parsed = parseBackup(text, error);
         if (!parsed)

@@ -1,69 +1,53 @@
 #include "sim/DeviceSimulator.h"
 
+#include <CLI/CLI.hpp>
+
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <pthread.h>
-#include <string_view>
-#include <utility>
+#include <string>
 #include <vector>
 
 // Serves one simulated device until interrupted. The port path is the first line of standard
 // output, so a script or a test can start the program and open what it prints.
 
-namespace {
-
-void printUsage(std::ostream& out)
-{
-    out << "Usage: dravinel-sim [--wire-time] [--response-delay MS] [--answer CODE=LINE]...\n"
-           "                    [--revision TEXT] [--link-dir DIR]\n"
-           "\n"
-           "Plays the device on a pseudo-terminal and prints the port path on the first line.\n"
-           "Runs until SIGINT or SIGTERM. SIGUSR1 unplugs the device, SIGUSR2 plugs it in again.\n"
-           "\n"
-           "  --wire-time          pace every answer as a 115200-baud line would\n"
-           "  --response-delay MS  wait this long before each answer, as a slow device\n"
-           "  --answer CODE=LINE   answer the request CODE with LINE instead (S=s,7: motor\n"
-           "                       speed writes are stored but echoed wrongly)\n"
-           "  --revision TEXT      the firmware revision to report (default 2.1)\n"
-           "  --link-dir DIR       folder for the port's symlink (default: a fresh temporary "
-           "folder)\n"
-           "  --help               show this text\n";
-}
-
-} // namespace
-
 int main(int argc, char** argv)
 {
     dravinel::sim::DeviceSimulator::Options options;
-    std::chrono::milliseconds responseDelay{0};
-    std::vector<std::pair<char, std::string>> answers;
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view arg = argv[i];
-        if (arg == "--help" || arg == "-h") {
-            printUsage(std::cout);
-            return 0;
-        }
-        if (arg == "--wire-time") {
-            options.wireTime = true;
-        } else if (arg == "--response-delay" && i + 1 < argc) {
-            responseDelay = std::chrono::milliseconds(std::atoi(argv[++i]));
-        } else if (arg == "--answer" && i + 1 < argc && std::strlen(argv[i + 1]) >= 2 &&
-                   argv[i + 1][1] == '=') {
-            answers.emplace_back(argv[i + 1][0], argv[i + 1] + 2);
-            ++i;
-        } else if (arg == "--revision" && i + 1 < argc) {
-            options.revision = argv[++i];
-        } else if (arg == "--link-dir" && i + 1 < argc) {
-            options.linkDir = argv[++i];
-        } else {
-            std::cerr << "dravinel-sim: unknown or incomplete argument '" << arg << "'\n";
-            printUsage(std::cerr);
-            return 2;
-        }
+    std::uint32_t responseDelayMs = 0;
+    std::vector<std::string> answers;
+
+    CLI::App app{"Plays the device on a pseudo-terminal and prints the port path on the first "
+                 "line.\nRuns until SIGINT or SIGTERM. SIGUSR1 unplugs the device, SIGUSR2 plugs "
+                 "it in again.",
+                 "dravinel-sim"};
+    app.add_flag("--wire-time", options.wireTime, "pace every answer as a 115200-baud line would");
+    app.add_option("--response-delay", responseDelayMs,
+                   "wait this many milliseconds before each answer, as a slow device")
+        ->option_text("MS");
+    app.add_option("--answer", answers,
+                   "answer the request CODE with LINE instead (S=s,7: motor speed writes are "
+                   "stored but echoed wrongly)")
+        ->option_text("CODE=LINE")
+        ->check(CLI::Validator(
+            [](const std::string& text) {
+                return text.size() >= 2 && text[1] == '=' ? std::string()
+                                                          : "not CODE=LINE: " + text;
+            },
+            "CODE=LINE"));
+    app.add_option("--revision", options.revision, "the firmware revision to report (default 2.1)");
+    app.add_option("--link-dir", options.linkDir,
+                   "folder for the port's symlink (default: a fresh temporary folder)");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        // Bad arguments end with 2, as they always have; --help with 0.
+        const int code = app.exit(e);
+        return code == 0 ? 0 : 2;
     }
+    const std::chrono::milliseconds responseDelay{responseDelayMs};
 
     // Blocked before any thread starts, so every thread inherits the mask and only sigwait
     // below receives these signals.
@@ -86,8 +70,8 @@ int main(int argc, char** argv)
         return 1;
     }
     simulator.setResponseDelay(responseDelay);
-    for (const auto& [code, line] : answers)
-        simulator.setAnswerOverride(code, line);
+    for (const auto& answer : answers)
+        simulator.setAnswerOverride(answer[0], answer.substr(2));
     std::cout << simulator.portPath() << std::endl;
     std::cerr << "dravinel-sim: serving " << simulator.slavePath() << "\n";
 

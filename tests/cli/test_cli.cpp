@@ -9,6 +9,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -229,6 +230,20 @@ TEST_F(CliTest, BackupReplacesTheFileWholeAndNeverWritesThroughAStrayLink)
     EXPECT_TRUE(fs::is_symlink(link) && slurp(real) == slurp(backup));
     EXPECT_EQ(fs::status(real).permissions(), fs::perms(0640));
     EXPECT_EQ(std::distance(fs::directory_iterator(m_dir), {}), 5); // no temporary file left
+}
+
+TEST_F(CliTest, ADashIsStandardOutputForBackupAndStandardInputForRestore)
+{
+    const auto saved = onDevice({"backup", "-"});
+    EXPECT_EQ(saved.code, 0) << saved.err;
+    EXPECT_EQ(saved.out, formatBackup("2.1", {120, 300, 40, 35, 200, 90}));
+    std::istringstream in(formatBackup("2.1", {1, 2, 3, 4, 5, 6}));
+    auto* const previous = std::cin.rdbuf(in.rdbuf());
+    const auto restored = onDevice({"restore", "-"});
+    std::cin.rdbuf(previous);
+    std::cin.clear();
+    EXPECT_EQ(restored.code, 0) << restored.err;
+    EXPECT_EQ(held(*m_sim), (std::vector<int>{1, 2, 3, 4, 5, 6}));
 }
 
 TEST_F(CliTest, DeviceFaultsAreNamedAndLeaveTheDeviceAsReported)
