@@ -51,8 +51,11 @@ void MotorCurrentChart::addSample(std::int64_t value)
     const int index = m_series->count();
     m_series->append(index, static_cast<qreal>(value));
     // The axes only ever grow, so a finished test stays readable as a whole.
-    if (index > m_samples->max())
-        m_samples->setMax(index + kInitialSamples / 2);
+    if (index > m_samples->max()) {
+        // Room for half as many samples again: whole samples, so a whole number.
+        const int room = index + kInitialSamples / 2;
+        m_samples->setMax(room);
+    }
     if (value > m_peak) {
         m_peak = value;
         m_current->setMax(std::max<qreal>(kInitialCurrent, static_cast<qreal>(value) * 1.15));

@@ -15,8 +15,9 @@
 
 // One connection to the device for every front end: it owns the device manager's life, decides
 // when the device is lost, owns a running motor test until its passes end, and says which ports
-// are candidates and when one appears. Front ends call it from one thread of their own; what the
-// device reports arrives through the Listener on the engine's threads.
+// are candidates and when one appears. Front ends keep their requests on one thread of their
+// own; close() may come from another, and then ends a request that waits for an answer at once.
+// What the device reports arrives through the Listener on the engine's threads.
 
 namespace dravinel {
 

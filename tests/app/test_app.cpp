@@ -232,9 +232,8 @@ void AppTest::startUpLookAndASearchThatFindsNothingSaysWhy()
     QCOMPARE(detail->text(), notATty.fileName() + u": not a serial port"_s);
     QVERIFY(bar().endsWith(detail->text()));
 
-    // Cancel ends a search under way at once; the panel stays.
+    // Cancel ends a search at once, even one that has not yet reported itself; the panel stays.
     QTest::keyClick(welcome(), Qt::Key_Return);
-    QTRY_COMPARE(text("statusLabel"), u"Scanning"_s);
     widget<QPushButton>("welcomeCancelButton")->click();
     QTRY_COMPARE_WITH_TIMEOUT(text("welcomeStatusLabel"), u"Search cancelled."_s, 3000);
     QVERIFY(widget<QPushButton>("welcomeOpenButton")->isEnabled());
