@@ -49,12 +49,15 @@ int gActiveReads = 0;
 // out (16 ms by default on FTDI chips), which would dwarf a sub-millisecond exchange. Asking the
 // driver for low latency sets that timer to 1 ms. A driver without the request (a pty) just keeps
 // its behaviour. Returns whether the flag was off and is now on.
+// The flags field is a signed int; the flag is one of its low bits.
+constexpr int kLowLatency = ASYNC_LOW_LATENCY;
+
 bool addLowLatency(int fd)
 {
     serial_struct serial{};
-    if (ioctl(fd, TIOCGSERIAL, &serial) == -1 || (serial.flags & ASYNC_LOW_LATENCY) != 0)
+    if (ioctl(fd, TIOCGSERIAL, &serial) == -1 || (serial.flags & kLowLatency) != 0)
         return false;
-    serial.flags |= ASYNC_LOW_LATENCY;
+    serial.flags |= kLowLatency;
     return ioctl(fd, TIOCSSERIAL, &serial) == 0;
 }
 
@@ -63,7 +66,7 @@ void removeLowLatency(int fd)
     serial_struct serial{};
     if (ioctl(fd, TIOCGSERIAL, &serial) == -1)
         return;
-    serial.flags &= ~ASYNC_LOW_LATENCY;
+    serial.flags &= ~kLowLatency;
     ioctl(fd, TIOCSSERIAL, &serial);
 }
 
