@@ -1,8 +1,9 @@
 #include "SimProcess.h"
 
+#include "support/ErrorText.h"
+
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -24,7 +25,7 @@ bool SimProcess::start(const std::string& exe)
 {
     int out[2];
     if (pipe(out) != 0) {
-        std::cerr << "pipe failed: " << std::strerror(errno) << "\n";
+        std::cerr << "pipe failed: " << errorText(errno) << "\n";
         return false;
     }
     posix_spawn_file_actions_t actions;
@@ -39,7 +40,7 @@ bool SimProcess::start(const std::string& exe)
     posix_spawn_file_actions_destroy(&actions);
     close(out[1]);
     if (err != 0) {
-        std::cerr << "could not start " << exe << ": " << std::strerror(err) << "\n";
+        std::cerr << "could not start " << exe << ": " << errorText(err) << "\n";
         close(out[0]);
         m_pid = -1;
         return false;

@@ -251,7 +251,9 @@ CpuFigure measureCpu(double seconds, const std::function<void(Clock::time_point)
     std::this_thread::sleep_until(end);
     const auto wall = std::chrono::duration<double>(Clock::now() - start).count();
     getrusage(RUSAGE_SELF, &after);
-    const auto cpu = [](const timeval& t) { return t.tv_sec + t.tv_usec / 1e6; };
+    const auto cpu = [](const timeval& t) {
+        return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6;
+    };
     const double used =
         cpu(after.ru_utime) - cpu(before.ru_utime) + cpu(after.ru_stime) - cpu(before.ru_stime);
     const auto switches = [](const rusage& r) { return r.ru_nvcsw + r.ru_nivcsw; };
@@ -380,13 +382,13 @@ int main(int argc, char** argv)
         auto rev = manager->readRevision();
         if (!rev)
             return std::nullopt;
-        return (3 + 4 + rev->size()) * kByteMicros;
+        return static_cast<double>(3 + 4 + rev->size()) * kByteMicros;
     }));
     add(roundTrip("readVBatt", runs, [&]() -> std::optional<double> {
         const auto v = manager->readVBatt();
         if (v == VAL_UNDEF)
             return std::nullopt;
-        return (3 + 4 + digits(v)) * kByteMicros;
+        return static_cast<double>(3 + 4 + digits(v)) * kByteMicros;
     }));
     add(roundTrip("saveCurrentLimit", runs, [&]() -> std::optional<double> {
         if (!manager->saveCurrentLimit(120))
@@ -401,7 +403,7 @@ int main(int argc, char** argv)
         for (std::uint32_t v : {s->getCurrThreshold(), s->getMinIRDetection(), s->getPosRotation(),
                                 s->getNegRotation(), s->getMotorSpeed(), s->getCycleTimeoutMins()})
             answers += 4 + digits(v);
-        return (3 + answers) * kByteMicros;
+        return static_cast<double>(3 + answers) * kByteMicros;
     }));
     const long engineHwm = bench::selfStatusKb("VmHWM");
     const long engineRss = bench::selfStatusKb("VmRSS");
@@ -452,7 +454,7 @@ int main(int argc, char** argv)
             }
             if (i >= 5) { // the first few warm the caches
                 row.micros.push_back(micros(sent, *seen));
-                row.limits.push_back((line.size() + 2) * kByteMicros);
+                row.limits.push_back(static_cast<double>(line.size() + 2) * kByteMicros);
             }
         }
         if (static_cast<int>(row.micros.size()) == runs)
@@ -518,16 +520,19 @@ int main(int argc, char** argv)
     std::printf("%-44s %8.3f %% of one core over %.0f s (%ld polls)\n",
                 "CPU, position polling every 1 s", polling.percent, polling.seconds, polls);
     std::printf("%-44s %8.1f MiB (VmHWM; VmRSS %.1f MiB) (target < 10 MiB)\n",
-                "Peak RSS, engine process", engineHwm / 1024.0, engineRss / 1024.0);
+                "Peak RSS, engine process", static_cast<double>(engineHwm) / 1024.0,
+                static_cast<double>(engineRss) / 1024.0);
     if (appHwm)
         std::printf("%-44s %8.1f MiB (VmHWM after %.0f s, offscreen) (target < 100 MiB)\n",
-                    "Peak RSS, app on the demo device", *appHwm / 1024.0, config.appSeconds);
+                    "Peak RSS, app on the demo device", static_cast<double>(*appHwm) / 1024.0,
+                    config.appSeconds);
     else
         std::printf("%-44s %8s (app not built or did not start)\n",
                     "Peak RSS, app on the demo device", "n/a");
 
     std::printf("%-44s %8.1f MiB over VmRSS before (target < 7 MiB)\n",
-                "Peak RSS growth, a 1 MiB line without LF", lineGrowthKb / 1024.0);
+                "Peak RSS growth, a 1 MiB line without LF",
+                static_cast<double>(lineGrowthKb) / 1024.0);
 
     bool lossOk = loss.has_value();
     if (loss) {
@@ -547,9 +552,9 @@ int main(int argc, char** argv)
         std::printf("\nunplug and plug-in: the run failed\n");
     }
 
-    const bool ok = rows.size() == 5 && allWithin && idle.percent < 0.5 && engineHwm < 10 * 1024 &&
-                    (!appHwm || *appHwm < 100 * 1024) && lossOk && lineGrowthKb >= 0 &&
-                    lineGrowthKb < 7 * 1024;
+    const bool ok = rows.size() == 5 && allWithin && idle.percent < 0.5 && engineHwm < 10L * 1024 &&
+                    (!appHwm || *appHwm < 100L * 1024) && lossOk && lineGrowthKb >= 0 &&
+                    lineGrowthKb < 7L * 1024;
     std::printf("\nall targets met: %s\n", ok ? "yes" : "NO");
     return ok ? 0 : 1;
 }

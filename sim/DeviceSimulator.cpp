@@ -1,12 +1,12 @@
 #include "sim/DeviceSimulator.h"
 
 #include "protocol/Globals.h"
+#include "support/ErrorText.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <iostream>
 #include <numbers>
@@ -54,7 +54,7 @@ void reportError(const char* call, const std::string& path)
 {
     const int err = errno;
     std::cerr << "dravinel-sim: " << call << " failed for " << (path.empty() ? "-" : path) << ": "
-              << std::strerror(err) << " (" << err << ")\n";
+              << errorText(err) << " (" << err << ")\n";
 }
 
 int pollMs(std::chrono::nanoseconds d)
@@ -162,7 +162,18 @@ struct DeviceSimulator::Impl
     void closePort();
     bool startService();
     void stopService();
+    // The bytes of the request being received, up to its LF.
+    struct LineAssembler
+    {
+        std::string pending;
+        bool overlong = false; // the line outgrew any request; dropped up to its LF
+    };
+
     void serve(int master, int wake);
+    std::chrono::nanoseconds nextWait() const;
+    void readRequests(int master, int wake, LineAssembler& assembler);
+    void takeByte(char byte, int wake, LineAssembler& assembler);
+    void pauseAfterHangup(int wake);
     void handleLine(const std::string& line, int wake);
     void handleRequest(char code, const std::string& content, int wake);
     std::vector<std::string> react(char code, const std::string& content);
@@ -301,58 +312,72 @@ void DeviceSimulator::Impl::teardown()
 
 void DeviceSimulator::Impl::serve(int master, int wake)
 {
-    std::string pending;
-    bool overlong = false; // the line outgrew any request; dropped up to its LF
-    std::uint8_t buffer[512];
+    LineAssembler assembler;
     while (!serviceStop) {
-        std::chrono::nanoseconds wait = kIdleWait;
-        if (motor.active)
-            wait = std::min<std::chrono::nanoseconds>(wait, motor.nextSample - Clock::now());
         pollfd fds[2] = {{master, POLLIN, 0}, {wake, POLLIN, 0}};
-        const int ready = ::poll(fds, 2, pollMs(wait));
+        const int ready = ::poll(fds, 2, pollMs(nextWait()));
         if (ready < 0 && errno != EINTR) {
             reportError("poll", "");
             break;
         }
         if (serviceStop)
             break;
-        if (ready > 0 && (fds[0].revents & POLLIN)) {
-            for (;;) {
-                const ssize_t n = ::read(master, buffer, sizeof buffer);
-                if (n > 0) {
-                    for (ssize_t i = 0; i < n; ++i) {
-                        const auto byte = static_cast<char>(buffer[i]);
-                        if (byte == static_cast<char>(END_1)) {
-                            if (!overlong)
-                                handleLine(pending, wake);
-                            pending.clear();
-                            overlong = false;
-                        } else if (pending.size() < kMaxRequest) {
-                            pending.push_back(byte);
-                        } else {
-                            pending.clear();
-                            overlong = true;
-                        }
-                    }
-                    continue;
-                }
-                if (n < 0 && errno == EINTR)
-                    continue;
-                if (n < 0 && errno != EAGAIN) {
-                    // EIO: no descriptor holds the slave. Not the end: the host may open it
-                    // again, so look back a little later.
-                    pollfd w{wake, POLLIN, 0};
-                    ::poll(&w, 1, pollMs(kHangupPause));
-                }
-                break;
-            }
-        } else if (ready > 0 && (fds[0].revents & (POLLHUP | POLLERR))) {
-            pollfd w{wake, POLLIN, 0};
-            ::poll(&w, 1, pollMs(kHangupPause));
-        }
+        if (ready > 0 && (fds[0].revents & POLLIN))
+            readRequests(master, wake, assembler);
+        else if (ready > 0 && (fds[0].revents & (POLLHUP | POLLERR)))
+            pauseAfterHangup(wake);
         if (motor.active && Clock::now() >= motor.nextSample)
             tickMotor();
     }
+}
+
+std::chrono::nanoseconds DeviceSimulator::Impl::nextWait() const
+{
+    std::chrono::nanoseconds wait = kIdleWait;
+    if (motor.active)
+        wait = std::min<std::chrono::nanoseconds>(wait, motor.nextSample - Clock::now());
+    return wait;
+}
+
+void DeviceSimulator::Impl::readRequests(int master, int wake, LineAssembler& assembler)
+{
+    std::uint8_t buffer[512];
+    for (;;) {
+        const ssize_t n = ::read(master, buffer, sizeof buffer);
+        if (n > 0) {
+            for (ssize_t i = 0; i < n; ++i)
+                takeByte(static_cast<char>(buffer[i]), wake, assembler);
+            continue;
+        }
+        if (n < 0 && errno == EINTR)
+            continue;
+        // EIO: no descriptor holds the slave. Not the end: the host may open it again, so look
+        // back a little later.
+        if (n < 0 && errno != EAGAIN)
+            pauseAfterHangup(wake);
+        return;
+    }
+}
+
+void DeviceSimulator::Impl::takeByte(char byte, int wake, LineAssembler& assembler)
+{
+    if (byte == static_cast<char>(END_1)) {
+        if (!assembler.overlong)
+            handleLine(assembler.pending, wake);
+        assembler.pending.clear();
+        assembler.overlong = false;
+    } else if (assembler.pending.size() < kMaxRequest) {
+        assembler.pending.push_back(byte);
+    } else {
+        assembler.pending.clear();
+        assembler.overlong = true;
+    }
+}
+
+void DeviceSimulator::Impl::pauseAfterHangup(int wake)
+{
+    pollfd w{wake, POLLIN, 0};
+    ::poll(&w, 1, pollMs(kHangupPause));
 }
 
 void DeviceSimulator::Impl::handleLine(const std::string& line, int wake)

@@ -1,10 +1,11 @@
 #include "sim/DeviceSimulator.h"
+#include "support/ErrorText.h"
 
 #include <CLI/CLI.hpp>
 
 #include <chrono>
 #include <csignal>
-#include <cstring>
+#include <exception>
 #include <iostream>
 #include <pthread.h>
 #include <string>
@@ -13,7 +14,9 @@
 // Serves one simulated device until interrupted. The port path is the first line of standard
 // output, so a script or a test can start the program and open what it prints.
 
-int main(int argc, char** argv)
+namespace {
+
+int run(int argc, char** argv)
 {
     dravinel::sim::DeviceSimulator::Options options;
     std::uint32_t responseDelayMs = 0;
@@ -59,8 +62,8 @@ int main(int argc, char** argv)
     sigaddset(&signals, SIGUSR1);
     sigaddset(&signals, SIGUSR2);
     if (const int err = pthread_sigmask(SIG_BLOCK, &signals, nullptr); err != 0) {
-        std::cerr << "dravinel-sim: pthread_sigmask failed: " << std::strerror(err) << " (" << err
-                  << ")\n";
+        std::cerr << "dravinel-sim: pthread_sigmask failed: " << dravinel::errorText(err) << " ("
+                  << err << ")\n";
         return 1;
     }
 
@@ -78,7 +81,7 @@ int main(int argc, char** argv)
     for (;;) {
         int received = 0;
         if (const int err = sigwait(&signals, &received); err != 0) {
-            std::cerr << "dravinel-sim: sigwait failed: " << std::strerror(err) << " (" << err
+            std::cerr << "dravinel-sim: sigwait failed: " << dravinel::errorText(err) << " (" << err
                       << ")\n";
             break;
         }
@@ -91,4 +94,18 @@ int main(int argc, char** argv)
     }
     simulator.stop();
     return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    // Only a failure to set up the options or to allocate can throw; it ends the program as a
+    // failed start rather than an abort.
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& e) {
+        std::cerr << "dravinel-sim: " << e.what() << "\n";
+    }
+    return 1;
 }
