@@ -149,17 +149,15 @@ ParsedArguments parseArguments(const std::vector<std::string>& args)
         result.error = parseFailure(app, e, result.text);
         return result;
     } catch (const ArgumentError& e) {
+        // Said after an empty --port, as a command's arguments come after the program's.
         result.error = e.what();
-        return result;
     }
-    if (!port.empty() || portOption->count() > 0) {
-        if (port.empty()) {
-            result.error = "--port needs a path";
-            return result;
-        }
+    if (port.empty() && portOption->count() > 0)
+        result.error = "--port needs a path";
+    else if (!port.empty())
         options.port = port;
-    }
-    result.options = std::move(options);
+    if (result.error.empty())
+        result.options = std::move(options);
     return result;
 }
 
