@@ -1,12 +1,15 @@
 #include "cli/Arguments.h"
 
+#include "cli/BackupCommands.h"
+#include "cli/Context.h"
 #include "cli/Echo.h"
+#include "cli/MonitorCommands.h"
+#include "cli/SettingsCommands.h"
 #include "device/Settings.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <charconv>
 #include <sstream>
 
 namespace dravinel::cli {
@@ -49,15 +52,6 @@ std::string footer()
     return wrapped + "\n\n" + kExitCodes;
 }
 
-std::optional<std::uint32_t> parseCount(std::string_view text)
-{
-    std::uint32_t value = 0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || ec != std::errc() || end != text.data() + text.size() || value == 0)
-        return std::nullopt;
-    return value;
-}
-
 // CLI11 quotes what it did not expect in full; a word longer than an echo is cut like one.
 std::string shortened(const std::string& message)
 {
@@ -71,14 +65,54 @@ std::string shortened(const std::string& message)
     return result;
 }
 
+// The line for exit code 2; or, for --help and --version, nothing and their text in text.
+std::string parseFailure(CLI::App& app, const CLI::ParseError& e, std::string& text)
+{
+    std::ostringstream out;
+    std::ostringstream ignored;
+    if (app.exit(e, out, ignored) == 0) {
+        text = out.str();
+        return {};
+    }
+    // CLI11 reports a word that names no command as a missing one.
+    if (app.get_subcommands().empty()) {
+        for (const auto& word : app.remaining()) {
+            if (!word.starts_with('-'))
+                return "unknown command " + echo(word) + " (see --help)";
+        }
+    }
+    return shortened(e.what()) + " (see --help)";
+}
+
+void addSetupAccessCommand(CLI::App& app, Options& options)
+{
+    auto* access = addCommand(
+        app, options, "setup-access",
+        "print the udev rule that lets the logged-in user open the device",
+        [](Context& c) { return runSetupAccess(c.options.setupAccess, c.out, c.err.stream()); });
+    auto* install = access->add_flag("--install", options.setupAccess.install,
+                                     "install it in /etc/udev/rules.d and reload udev (with sudo)");
+    access
+        ->add_option("--rules-dir", options.setupAccess.rulesDir,
+                     "install it in DIR instead, without reloading udev")
+        ->type_name("DIR")
+        ->needs(install);
+}
+
 } // namespace
+
+CLI::App* addCommand(CLI::App& app, Options& options, const char* name, const char* description,
+                     Runner run)
+{
+    auto* sub = app.add_subcommand(name, description);
+    sub->callback([&options, run] { options.run = run; });
+    return sub;
+}
 
 ParsedArguments parseArguments(const std::vector<std::string>& args)
 {
     Options options;
     std::string port;
-    std::string count;
-    std::string monitorKind;
 
     CLI::App app{"Reads, writes, backs up and restores the settings of a Dravinel device, and\n"
                  "monitors its motor test and sensors.",
@@ -98,47 +132,12 @@ ParsedArguments parseArguments(const std::vector<std::string>& args)
     app.add_flag("-v", options.verbosity,
                  "warnings and errors on standard error; -vv: everything, frames too");
 
-    const auto command = [&](const char* name, const char* description, Command id) {
-        auto* sub = app.add_subcommand(name, description);
-        sub->callback([&options, id] { options.command = id; });
-        return sub;
-    };
-    command("ports", "the machine's serial ports, those carrying \"Dravinel\" marked *",
-            Command::Ports);
-    command("info", "firmware revision and battery (raw reading and volts)", Command::Info);
-    command("get", "the six settings", Command::Get);
-    command("set", "write settings, each confirmed by the device's echo", Command::Set)
-        ->add_option("NAME=VALUE", options.assignments, "a setting and its new value")
-        ->required();
-    auto* monitor =
-        command("monitor", "the motor test's current samples, or ir or position readings",
-                Command::Monitor);
-    monitor->add_option("WHAT", monitorKind, "motor (runs the test until done), ir or position")
-        ->required()
-        ->check(CLI::IsMember({"motor", "ir", "position"}));
-    monitor->add_option("--count", count, "stop after N samples or readings")->type_name("N");
-    command("backup", "save the revision and the six settings to a JSON file", Command::Backup)
-        ->add_option("FILE", options.file,
-                     "the backup file, replaced as a whole or not at all; - for standard output")
-        ->required();
-    auto* restore = command("restore", "write a backup's six settings: all, or none if one fails",
-                            Command::Restore);
-    restore->add_option("FILE", options.file, "a file written by backup; - for standard input")
-        ->required();
-    restore->add_flag("--force", options.force,
-                      "restore a backup of another firmware revision, or of none");
-    command("save-exit", "tell the device to store its settings and leave configuration mode",
-            Command::SaveExit);
-    auto* access =
-        command("setup-access", "print the udev rule that lets the logged-in user open the device",
-                Command::SetupAccess);
-    auto* install = access->add_flag("--install", options.setupAccess.install,
-                                     "install it in /etc/udev/rules.d and reload udev (with sudo)");
-    access
-        ->add_option("--rules-dir", options.setupAccess.rulesDir,
-                     "install it in DIR instead, without reloading udev")
-        ->type_name("DIR")
-        ->needs(install);
+    // In the order the usage lists them.
+    addSettingsCommands(app, options);
+    addMonitorCommand(app, options);
+    addBackupCommands(app, options);
+    addSaveExitCommand(app, options);
+    addSetupAccessCommand(app, options);
     app.footer(footer());
 
     // CLI11 takes the arguments last first.
@@ -147,44 +146,18 @@ ParsedArguments parseArguments(const std::vector<std::string>& args)
     try {
         app.parse(reversed);
     } catch (const CLI::ParseError& e) {
-        std::ostringstream out;
-        std::ostringstream ignored;
-        if (app.exit(e, out, ignored) == 0) {
-            result.text = out.str();
-            return result;
-        }
-        result.error = shortened(e.what()) + " (see --help)";
-        // CLI11 reports a word that names no command as a missing one.
-        if (app.get_subcommands().empty()) {
-            for (const auto& word : app.remaining()) {
-                if (!word.starts_with('-')) {
-                    result.error = "unknown command " + echo(word) + " (see --help)";
-                    break;
-                }
-            }
-        }
+        result.error = parseFailure(app, e, result.text);
         return result;
+    } catch (const ArgumentError& e) {
+        // Said after an empty --port, as a command's arguments come after the program's.
+        result.error = e.what();
     }
-    if (!port.empty() || portOption->count() > 0) {
-        if (port.empty()) {
-            result.error = "--port needs a path";
-            return result;
-        }
+    if (port.empty() && portOption->count() > 0)
+        result.error = "--port needs a path";
+    else if (!port.empty())
         options.port = port;
-    }
-    if (options.command == Command::Monitor) {
-        options.monitor = monitorKind == "motor" ? MonitorKind::Motor
-                          : monitorKind == "ir"  ? MonitorKind::IR
-                                                 : MonitorKind::Position;
-        if (!count.empty() || monitor->count("--count") > 0) {
-            options.count = parseCount(count);
-            if (!options.count) {
-                result.error = "--count needs a whole number above 0, not " + echo(count);
-                return result;
-            }
-        }
-    }
-    result.options = std::move(options);
+    if (result.error.empty())
+        result.options = std::move(options);
     return result;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <iosfwd>
 #include <string>
 #include <vector>
@@ -16,7 +17,7 @@ inline constexpr int kExitNoDevice = 3; // the scan found no device
 inline constexpr int kExitInterrupted = 130;
 
 // Backups are a few hundred bytes; a file much larger is not one and is not read whole.
-inline constexpr std::size_t kLargestBackupFile = 1024 * 1024;
+inline constexpr std::size_t kLargestBackupFile = std::size_t{1024} * 1024;
 
 // Runs one command line (without the program name); returns the exit code. out gets only the
 // result, err the error lines and, with -v, the log. A failed write to out is exit code 1.

@@ -2,10 +2,10 @@
 
 #include "cli/Cli.h"
 #include "cli/UdevRule.h"
+#include "support/ErrorText.h"
 #include "support/Files.h"
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <ostream>
 #include <vector>
@@ -80,7 +80,7 @@ int runSetupAccess(const SetupAccessOptions& options, std::ostream& out, std::os
     if (chmod(target.c_str(), 0644) != 0) {
         const int error = errno;
         err << "dravinel-cli: " << target
-            << " was written but its mode not set: " << std::strerror(error) << '\n';
+            << " was written but its mode not set: " << errorText(error) << '\n';
         return kExitFailed;
     }
     out << "installed " << target << '\n';

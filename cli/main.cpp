@@ -1,8 +1,9 @@
 #include "cli/Cli.h"
 #include "cli/Interrupt.h"
+#include "support/ErrorText.h"
 
+#include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <iostream>
 #include <string>
@@ -33,7 +34,7 @@ void onSignal(int)
 int main(int argc, char** argv)
 {
     if (pipe2(gSignalPipe, O_CLOEXEC) != 0) {
-        std::cerr << "dravinel-cli: pipe2 failed: " << std::strerror(errno) << "\n";
+        std::cerr << "dravinel-cli: pipe2 failed: " << dravinel::errorText(errno) << "\n";
         return 1;
     }
     // Wakes every wait of the command on Ctrl-C; ends when main writes the quit byte.
