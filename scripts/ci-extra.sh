@@ -6,7 +6,9 @@
 #   4. the engine, simulator and CLI tests under ThreadSanitizer (build-tsan/)
 #   5. every libFuzzer target for FUZZ_SECONDS each (build-fuzz/), failing on any crash
 #   6. a short benchmark run (figures only; it fails CI only if it crashes)
-#   7. clang-tidy over the engine's sources, failing on any finding (compile commands of build/)
+#   7. the layers: no front end includes the serial or protocol layer; then clang-tidy over
+#      the engine, the simulator, the command line and the app, failing on any finding
+#      (compile commands of build/)
 # Usage: scripts/ci-extra.sh [unprivileged|clang|asan|tsan|fuzz|bench|tidy]...   (no argument: all)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -121,14 +123,22 @@ run_bench() {
 }
 
 run_tidy() {
-    step "clang-tidy: engine"
+    step "Layers: front ends reach the device through device/ alone"
+    # The compiler cannot refuse these: device/'s headers name the protocol's types, so its
+    # include path is theirs too.
+    if grep -rnE '#include [<"](serial|protocol)/' app cli; then
+        echo "a front end includes the serial or protocol layer (above)"
+        return 1
+    fi
+    echo "no front end includes serial/ or protocol/"
+    step "clang-tidy: engine, simulator, command line and app"
     local dir=${BUILD_DIR:-build}
     [ -f "$dir/compile_commands.json" ] || configure "$dir"
-    scripts/clang-tidy.sh "$dir" support serial protocol device
+    scripts/clang-tidy.sh "$dir" support serial protocol device sim cli app
 }
 
 steps=("$@")
-[ ${#steps[@]} -eq 0 ] && steps=(unprivileged clang asan tsan fuzz bench tidy)
+[ ${#steps[@]} -eq 0 ] && steps=(tidy unprivileged clang asan tsan fuzz bench)
 for s in "${steps[@]}"; do
     case "$s" in
         unprivileged) run_unprivileged ;;
