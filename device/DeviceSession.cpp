@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <stop_token>
@@ -41,17 +40,6 @@ Reading classify(bool ok, std::uint16_t value, std::optional<std::string> answer
     if (!answer)
         return {};
     return {Reading::Kind::WrongReply, 0, std::move(*answer)};
-}
-
-std::vector<std::string> existing(const std::vector<std::string>& ports)
-{
-    std::vector<std::string> found;
-    for (const auto& port : ports) {
-        std::error_code ec;
-        if (std::filesystem::exists(port, ec))
-            found.push_back(port);
-    }
-    return found;
 }
 
 // Waits in poll(2) on the port watcher and a wake descriptor; calls appeared when something is
@@ -91,7 +79,7 @@ private:
             // A port unplugged and plugged in again between two wakes leaves the list as it
             // was: any entry created while a candidate port is there counts.
             const bool created = m_watcher.drain();
-            if (created && !existing(SerialManager::candidatePorts(m_options)).empty())
+            if (created && !SerialManager::presentPorts(SerialManager::candidatePorts(m_options)).empty())
                 m_appeared();
         }
     }

@@ -24,17 +24,6 @@ constexpr std::chrono::milliseconds kScanPause{DELAY_SCAN_CHECK};
 // Budgets beyond this are waited as if endless; it keeps the deadline arithmetic finite.
 constexpr std::chrono::hours kLongestBudget{24 * 365};
 
-std::vector<std::string> existingPorts(const std::vector<std::string>& ports)
-{
-    std::vector<std::string> existing;
-    for (const auto& port : ports) {
-        std::error_code ec;
-        if (std::filesystem::exists(port, ec))
-            existing.push_back(port);
-    }
-    return existing;
-}
-
 Logger& logger()
 {
     return Logger::getInstance();
@@ -272,6 +261,17 @@ std::vector<std::string> SerialManager::getPorts() const
     return candidatePorts(m_options);
 }
 
+std::vector<std::string> SerialManager::presentPorts(const std::vector<std::string>& ports)
+{
+    std::vector<std::string> present;
+    for (const auto& port : ports) {
+        std::error_code ec;
+        if (std::filesystem::exists(port, ec))
+            present.push_back(port);
+    }
+    return present;
+}
+
 std::vector<std::string> SerialManager::candidatePorts(const ScanOptions& options)
 {
     std::vector<std::string> ports = options.ports;
@@ -320,7 +320,7 @@ SerialManager::Wake SerialManager::pause(std::chrono::milliseconds duration, boo
     using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + duration;
     // Listed after the watcher was set up, so nothing can appear unseen in between.
-    const auto known = watcher ? existingPorts(getPorts()) : std::vector<std::string>{};
+    const auto known = watcher ? presentPorts(getPorts()) : std::vector<std::string>{};
     for (;;) {
         if (!m_running)
             return Wake::Stopped;
@@ -341,7 +341,7 @@ SerialManager::Wake SerialManager::pause(std::chrono::milliseconds duration, boo
         // Anything may appear in a watched folder; only a candidate port that was not there
         // before ends the pause.
         if ((fds[1].revents & POLLIN) != 0 && watcher->drain()) {
-            for (const auto& port : existingPorts(getPorts()))
+            for (const auto& port : presentPorts(getPorts()))
                 if (std::find(known.begin(), known.end(), port) == known.end())
                     return Wake::PortAppeared;
         }

@@ -78,6 +78,8 @@ public:
     // every enumerated path that carries the product word.
     std::vector<std::string> getPorts() const;
     static std::vector<std::string> candidatePorts(const ScanOptions& options);
+    // Those of ports whose node exists now.
+    static std::vector<std::string> presentPorts(const std::vector<std::string>& ports);
     // The folders where the candidate ports of options appear.
     static std::vector<std::string> portFolders(const ScanOptions& options);
     bool getScanning() const { return m_scanning; }
